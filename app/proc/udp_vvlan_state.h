@@ -174,6 +174,7 @@ enum { UDP_VVLAN_OUI_BUCKETS = 16, UDP_VVLAN_OUI_PREFIX_MAX = 48 };
 struct vvlan_oui_table_record {
     udp_vvlan_link buckets[UDP_VVLAN_OUI_BUCKETS];       /* of vvlan_oui */
     uint32_t prefix_count[UDP_VVLAN_OUI_PREFIX_MAX + 1]; /* entries per prefix length */
+    uint64_t prefix_present;                             /* bit n: prefix_count[n] is not 0 */
 };
 
 /* One of the three ACLs (module udp_vvlan_fp). */

@@ -1,0 +1,43 @@
+/*
+ * udp_vvlan_event - decodes the changes of the configuration objects.
+ *
+ * One decoder per kind checks the message, reads from its operation whether the
+ * object is there or gone, and hands the object to the handler layer with an
+ * add flag. Decoders keep no state. The objects stay the library's.
+ *
+ * The global settings are stored field by field, and each field has its own
+ * subscription. A hash set that changes several fields therefore arrives once
+ * per field, and each call applies its own only.
+ *
+ * Results: 0; -4 for a malformed message; -20 for an operation that the decoder
+ * does not take (a warning, not an error); otherwise what a call that failed
+ * returned.
+ */
+#ifndef APP_PROC_UDP_VVLAN_EVENT_H
+#define APP_PROC_UDP_VVLAN_EVENT_H
+
+#include <cstdint>
+
+#include "platform/kt_mom.h"
+
+/* An OUI (p_bridge.vvlan_oui_cfg) was set or deleted. */
+int udp_vvlan_event_set_oui_cfg(kt_global *global, const kt_mom_msg *msg);
+
+/*
+ * Fields of p_bridge.vvlan_glb_cfg were set. field_tag, 5 to 8, is the field
+ * that this subscription is for. Operations other than a hash set are taken and
+ * change nothing.
+ */
+int udp_vvlan_event_set_glb_cfg(kt_global *global, const kt_mom_msg *msg, uint32_t field_tag);
+
+/*
+ * A port's configuration (p_bridge.vvlan_port_cfg) was set or deleted. For a
+ * port in automatic mode the daemon's own records of the port are first kept
+ * from expiring.
+ */
+int udp_vvlan_event_set_port_cfg(kt_global *global, const kt_mom_msg *msg);
+
+/* The bridge saw a voice device on a trapped port (s_bridge.vvlan_port_noty). */
+int udp_vvlan_event_set_port_noti(kt_global *global, const kt_mom_msg *msg);
+
+#endif

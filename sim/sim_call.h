@@ -8,8 +8,14 @@
  * moment the plan was made; it also fails the n-th allocation of the program
  * ("malloc").
  *
- * The record holds at most 1,000,000 calls; then the oldest go. At most 64
+ * The record holds at most 1,000,000 calls; then the oldest tenth goes. At most 64
  * plans stand at once.
+ *
+ * Whose code runs? Allocations count for "malloc", and POSIX calls go to the
+ * simulated host, only while the program's own code runs. A function of the
+ * platform says that it took over with a PlatformScope; where it calls the
+ * program back from inside (kt_mom_scan_sync()), it does so through
+ * process_call(), which hands over again.
  */
 #ifndef SIM_SIM_CALL_H
 #define SIM_SIM_CALL_H
@@ -49,22 +55,78 @@ void calls_listen(std::function<void(const Call &)> listener);
 
 /*
  * Plans a fault: the nth call (from 1) of `name` from now on fails. `code` is
- * what it returns; a function that returns a pointer returns NULL, whatever
- * the code. `repeat` calls in a row fail, 1 by default.
+ * what it returns, 0 standing for -EIO; a function that returns a pointer
+ * returns NULL, and a POSIX function -1 with errno set to -code. `repeat`
+ * calls in a row fail, 1 by default. `name` "malloc" stands for malloc() and
+ * calloc(), which are recorded only where they fail. A 65th plan that has not
+ * been met aborts the simulation with a message.
  */
 void fault_plan(const std::string &name, uint64_t nth, int code, uint64_t repeat = 1);
 
 /* Whether every planned fault has been met. */
 bool faults_are_spent();
 
-/*
- * For the platform's functions: announces a call. Returns 0, or the code of
- * the fault that it meets; the function then does nothing and returns it.
- * `arguments` is only called when the record is on.
- */
-int call_enter(const char *name, const std::function<std::string()> &arguments);
-
+/* Forgets counts, record, listener and plans, and switches recording off. */
 void call_reset();
+
+/* Marks, while it lives, that the platform's code runs and not the program's. */
+class PlatformScope
+{
+public:
+    PlatformScope();
+    ~PlatformScope();
+    PlatformScope(const PlatformScope &) = delete;
+    PlatformScope &operator=(const PlatformScope &) = delete;
+
+private:
+    bool before;
+};
+
+/* What the fast path of call_enter() needs to see; not for use elsewhere. */
+namespace call_detail
+{
+
+struct Counter {
+    const char *name;
+    uint64_t count;
+    bool is_watched; /* the record is on, or a plan for this name stands */
+};
+
+extern bool platform_runs;
+extern bool is_recording;
+
+/* The counter of a name. `name` must be a literal: it is cached by its address. */
+Counter &counter_of(const char *name);
+int enter_watched(Counter &counter, const std::string &arguments);
+
+} // namespace call_detail
+
+inline PlatformScope::PlatformScope() : before(call_detail::platform_runs)
+{
+    call_detail::platform_runs = true;
+}
+
+inline PlatformScope::~PlatformScope()
+{
+    call_detail::platform_runs = before;
+}
+
+/*
+ * For the platform's functions: announces a call. name: a string literal.
+ * arguments: called as std::string() when the record is on, else not at all.
+ * Returns 0, or the code of the fault that the call meets; the function then
+ * does nothing and returns it.
+ */
+template <typename Arguments> int call_enter(const char *name, Arguments &&arguments)
+{
+    call_detail::Counter &counter = call_detail::counter_of(name);
+    counter.count++;
+    if (!counter.is_watched) [[likely]]
+        return 0;
+    const PlatformScope scope;
+    return call_detail::enter_watched(counter,
+                                      call_detail::is_recording ? arguments() : std::string());
+}
 
 } // namespace sim
 

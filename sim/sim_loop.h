@@ -13,6 +13,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <optional>
 
 namespace sim
 {
@@ -35,7 +36,16 @@ void run_until(Micros when);
 /* Runs every job that is due now, and what these post for now. */
 void settle();
 
-/* Empties the queue and puts the clock back to 0. */
+/* When the next job is due, or nothing when the queue is empty. */
+std::optional<Micros> next_due();
+
+/*
+ * Runs `hook` after every job, at the job's moment: a timeline or an invariant
+ * check looks at the world there. One hook; nullptr stops it. It may post jobs.
+ */
+void loop_after_each(std::function<void()> hook);
+
+/* Empties the queue, forgets the hook and puts the clock back to 0. */
 void loop_reset();
 
 } // namespace sim

@@ -20,7 +20,9 @@
 
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <string>
+#include <type_traits>
 
 namespace sim
 {
@@ -35,6 +37,7 @@ struct Ended {
     int pid;
     int status; /* exit status, 0..255, or the signal */
     bool by_signal;
+    uint64_t life; /* its process_life() */
 };
 
 void process_install(const Program &program);
@@ -48,30 +51,68 @@ bool process_is_running();
 int process_pid();
 
 /*
- * Counts the processes so far. What belongs to a process (a timer, a message
- * on its way) remembers this number and is dropped when it has changed.
+ * A number that changes whenever a process starts or ends, and never comes
+ * again. What belongs to a process (a timer, a message on its way) remembers
+ * it and is dropped when it has changed.
  */
 uint64_t process_life();
 
-/* Runs `function` in the process; where none runs, right here. */
-void process_call(const std::function<void()> &function);
+/*
+ * Runs `function` in the process; where none runs, or when the process's stack
+ * is already the one in use, right here. Afterwards the process may have
+ * ended: look at process_life(). Frames below `function` may then be gone
+ * without their destructors: what calls the program back from inside a call
+ * (kt_mom_scan_sync()) must keep what it owns elsewhere than in its frame.
+ */
+template <typename Function> void process_call(Function &&function);
+
+/* The same for a plain function and its argument. */
+void process_call_with(void (*function)(void *), void *argument);
+
+/* Whether the stack in use is the process's. */
+bool process_is_current();
 
 /*
  * Runs `function` as a process of its own and returns how it ended; its
- * result is the exit status. For tests of code that may call exit().
+ * result is the exit status. For tests of code that may call exit(). A function
+ * that enters the event loop sees everything that is due now happen, then
+ * SIGTERM. The restart manager leaves such a process alone. It may run while
+ * the installed program is parked (a second start of the daemon); then nothing
+ * but its own code runs, and the installed program's memory is not reset.
  */
 Ended process_run(const std::function<int()> &function);
 
-/* SIGTERM, SIGINT, SIGKILL or SIGPIPE to the running process. */
+/*
+ * SIGTERM, SIGINT, SIGKILL or SIGPIPE to the running process. Sent from inside
+ * one of its calls, SIGTERM and SIGINT take effect when the running callback
+ * has returned.
+ */
 void process_signal(int signal);
 
-/* Called after every end of a process; several may listen. */
+/* For the simulated host: how the process takes a signal. Returns the way before. */
+bool process_ignore_signal(int signal, bool ignore);
+
+/* Called after every end of a process; several may listen, until the reset. */
 void process_on_end(std::function<void(const Ended &)> listener);
 
-/* For kt_global_run(): parks until the process is told to leave its loop. */
-void process_park();
+/*
+ * For kt_global_run(): parks until the process is told to leave its loop.
+ * Returns 0, or -EPERM where no process runs.
+ */
+int process_park();
 
+/*
+ * Drops the running process without telling anyone but the program's reset
+ * function, and forgets the program and the listeners.
+ */
 void process_reset();
+
+template <typename Function> void process_call(Function &&function)
+{
+    using Target = std::remove_reference_t<Function>;
+    process_call_with([](void *target) { (*static_cast<Target *>(target))(); },
+                      const_cast<std::remove_const_t<Target> *>(std::addressof(function)));
+}
 
 } // namespace sim
 

@@ -20,7 +20,7 @@
 extern "C" {
 #endif
 
-enum proto_key_role {
+enum {
     PROTO_KEY_ROLE_NONE = 0,
     PROTO_KEY_ROLE_FIELD = 1,     /* a key field inside an index message */
     PROTO_KEY_ROLE_INDEX = 2,     /* the key sub-message, field 5 `index` */

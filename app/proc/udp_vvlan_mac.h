@@ -80,6 +80,13 @@ int udp_vvlan_del_oui_mac(udp_vvlan_mac_node *record, const vvlan_oui *oui);
 
 /* The MAC table. */
 
+/* The record whose link in a port's list this is. */
+inline udp_vvlan_mac_node *udp_vvlan_mac_node_of(udp_vvlan_link *link)
+{
+    return reinterpret_cast<udp_vvlan_mac_node *>(reinterpret_cast<char *>(link) -
+                                                  offsetof(udp_vvlan_mac_node, link));
+}
+
 /* The record of `mac`, or NULL. It is the table's. */
 udp_vvlan_mac_node *udp_vvlan_mac_find(const udp_vvlan_mac_addr *mac);
 

@@ -12,9 +12,9 @@
  * up its prefixes, at most 48 of them; the table counts its entries per prefix
  * length, so that lengths no entry has cost nothing.
  *
- * Invariants: an entry lies in the bucket of its (mac, mask); prefix_count[n]
- * is the number of entries whose mask is the prefix mask of length n, and bit n
- * of prefix_present is set exactly when that number is not zero.
+ * Invariants: an entry lies in the bucket of its (mac, mask); prefix_count[n],
+ * n from 1 to 48, is the number of entries whose mask is the prefix mask of
+ * length n, and bit n of prefix_present is set exactly when it is not zero.
  *
  * The table itself has no limit, but ACE ids end at 127: further entries get
  * the id 0 and share one ACE, so 127 is the practical bound. udp_vvlan_oui_init()

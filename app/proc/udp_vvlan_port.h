@@ -27,6 +27,24 @@
 
 #include "app/proc/udp_vvlan_state.h"
 
+/* Whether all of `flags`, of udp_vvlan_port_flag, are set. */
+inline bool udp_vvlan_port_has(const udp_vvlan_port_node *port, int flags)
+{
+    return (port->flags & flags) == flags;
+}
+
+/* Sets (on) or clears one or more of udp_vvlan_port_flag. */
+inline void udp_vvlan_port_set_flags(udp_vvlan_port_node *port, int flags, bool on)
+{
+    port->flags = static_cast<uint8_t>(on ? port->flags | flags : port->flags & ~flags);
+}
+
+/* Enabled and in automatic mode: what trap, join and voice MACs are about. */
+inline bool udp_vvlan_port_is_auto(const udp_vvlan_port_node *port)
+{
+    return udp_vvlan_port_has(port, UDP_VVLAN_PORT_VVLAN_EN | UDP_VVLAN_PORT_AUTO_MOD);
+}
+
 /* Creates the empty map. Returns 0 always: without memory the map stays NULL. */
 int udp_vvlan_port_init(void);
 

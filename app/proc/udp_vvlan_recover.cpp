@@ -1,0 +1,110 @@
+#include "app/proc/udp_vvlan_recover.h"
+
+#include <cstdlib>
+
+#include "app/proc/udp_vvlan.h"
+#include "proto/u_bridge.pb-c.h"
+
+int udp_vvlan_recover_init(void)
+{
+    if (udp_vvlan_recover_db == nullptr)
+        udp_vvlan_recover_db = static_cast<udp_vvlan_recover_map_type *>(
+            std::calloc(1, sizeof(udp_vvlan_recover_map_type)));
+    return 0;
+}
+
+int udp_vvlan_set_vvlan_join(uint32_t is_set, uint32_t ifx)
+{
+    UBridge__VvlanIndex index;
+    u_bridge__vvlan_index__init(&index);
+    index.ifx = ifx;
+    UBridge__VvlanJoin join;
+    u_bridge__vvlan_join__init(&join);
+    join.index = &index;
+    const auto write = [is_set, &join] {
+        const auto operation = is_set != 0 ? kt_mom_set : kt_mom_del;
+        return operation(udp_vvlan_global, KT_MOM_UDP_DB, &join.base, 0, 0);
+    };
+    return write() == 0 ? 0 : udp_vvlan_call_again(UDP_VVLAN_HERE, write);
+}
+
+int udp_vvlan_recover_ds_init(kt_global *global)
+{
+    UBridge__VvlanIndex index;
+    u_bridge__vvlan_index__init(&index);
+    UBridge__VvlanJoin every;
+    u_bridge__vvlan_join__init(&every);
+    every.index = &index;
+    const int rv = kt_mom_scan_sync(global, KT_MOM_UDP_DB, &every.base, KT_MOM_MATCH_EXACT,
+                                    udp_vvlan_recover_vvlan_cfg, nullptr);
+    if (rv != 0)
+        UDP_VVLAN_LOG_ERROR("Assert:<ds> scan vvlan_join failed, rv = %d.", rv);
+    else
+        UDP_VVLAN_LOG_DEBUG("<ds> scan vvlan_join successfully.");
+    return rv;
+}
+
+int udp_vvlan_recover_vvlan_cfg(kt_global *, const kt_mom_msg *msg, void *)
+{
+    if (msg == nullptr) {
+        UDP_VVLAN_LOG_ERROR("Assert:MOM msg is NULL.\n");
+        return UDP_VVLAN_E_MESSAGE;
+    }
+    if (msg->error != 0) {
+        UDP_VVLAN_LOG_ERROR("Assert:MOM error is %d.\n", msg->error);
+        return UDP_VVLAN_E_MESSAGE;
+    }
+    const auto *join = static_cast<const UBridge__VvlanJoin *>(msg->object);
+    if (join == nullptr || join->index == nullptr) {
+        UDP_VVLAN_LOG_ERROR("Assert:msg vvlan_join param failed.");
+        return 0;
+    }
+    switch (msg->operation) {
+    case KT_MOM_SET:
+        if (udp_vvlan_recover_add(join->index->ifx) != nullptr)
+            return 0;
+        UDP_VVLAN_LOG_ERROR("Assert:add recover_entry failed");
+        return UDP_VVLAN_E_RECOVER;
+    case KT_MOM_DEL:
+        udp_vvlan_recover_del(join->index->ifx);
+        return 0;
+    default:
+        return UDP_VVLAN_E_UNEXPECTED;
+    }
+}
+
+void udp_vvlan_recover_db_clear(void)
+{
+    udp_vvlan_recover_foreach(
+        [](udp_vvlan_recover_entry *entry, void *) {
+            udp_vvlan_recover_del(entry->ifx);
+            return 0;
+        },
+        nullptr);
+    UDP_VVLAN_LOG_DEBUG("clear udp_vvlan_recover_db successfully.");
+}
+
+udp_vvlan_recover_entry *udp_vvlan_recover_find(uint32_t ifx)
+{
+    return udp_vvlan_recover_db == nullptr ? nullptr
+                                           : udp_vvlan_hmap_find(udp_vvlan_recover_db, ifx);
+}
+
+udp_vvlan_recover_entry *udp_vvlan_recover_add(uint32_t ifx)
+{
+    return udp_vvlan_recover_db == nullptr ? nullptr
+                                           : udp_vvlan_hmap_put(udp_vvlan_recover_db, ifx);
+}
+
+void udp_vvlan_recover_del(uint32_t ifx)
+{
+    if (udp_vvlan_recover_db != nullptr)
+        udp_vvlan_hmap_del(udp_vvlan_recover_db, ifx);
+}
+
+int udp_vvlan_recover_foreach(int (*function)(udp_vvlan_recover_entry *, void *), void *argument)
+{
+    return udp_vvlan_recover_db == nullptr
+               ? 0
+               : udp_vvlan_hmap_walk(udp_vvlan_recover_db, function, argument);
+}

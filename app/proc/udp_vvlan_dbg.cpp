@@ -95,18 +95,19 @@ int dump_glb(const int *, int)
     return 0;
 }
 
-void print_mac(const udp_vvlan_mac_addr *mac)
+/* format takes the six bytes. */
+void print_mac(const char *format, const udp_vvlan_mac_addr *mac)
 {
     const uint8_t *byte = mac->bytes;
-    std::printf("%02X%02X.%02X%02X.%02X%02X", byte[0], byte[1], byte[2], byte[3], byte[4], byte[5]);
+    std::printf(format, byte[0], byte[1], byte[2], byte[3], byte[4], byte[5]);
 }
 
 int dump_oui(vvlan_oui *node, void *)
 {
     std::printf("  <%02d> mac:", udp_vvlan_state_now.dump_number++);
-    print_mac(&node->mac);
+    print_mac("%02X%02X.%02X%02X.%02X%02X", &node->mac);
     std::printf("      mask:");
-    print_mac(&node->mask);
+    print_mac("%02X%02X.%02X%02X.%02X%02X", &node->mask);
     std::printf("\n");
     return 0;
 }
@@ -166,8 +167,7 @@ int dump_port_macs(const int *args, int)
     uint32_t number = 1;
     for (udp_vvlan_link *link = port->mac_list.next; link != &port->mac_list; link = link->next) {
         std::printf("  <%05d> mac: ", number++);
-        print_mac(&udp_vvlan_mac_node_of(link)->mac);
-        std::printf(" \n");
+        print_mac("%02X%02X.%02X%02X.%02X%02X \n", &udp_vvlan_mac_node_of(link)->mac);
     }
     return 0;
 }
@@ -175,8 +175,7 @@ int dump_port_macs(const int *args, int)
 int dump_mac(udp_vvlan_mac_node *record, void *)
 {
     std::printf("  <%05d> mac: ", udp_vvlan_state_now.dump_number++);
-    print_mac(&record->mac);
-    std::printf(" ");
+    print_mac("%02X%02X.%02X%02X.%02X%02X ", &record->mac);
     std::printf("   vid:%-4d   ifx:%d\n", udp_vvlan_glb.vid, record->ifx);
     return 0;
 }

@@ -198,6 +198,7 @@ void udp_vvlan_mac_print_noti(uint32_t operation, const UBridge__MacVidRegNoti *
 /* %m is the platform's: it takes the six bytes, of which the compiler does not know. */
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat"
+#pragma GCC diagnostic ignored "-Wformat-extra-args"
     UDP_VVLAN_LOG_INFO("<param>   -mac: %m", mac.bytes);
 #pragma GCC diagnostic pop
     if (operation != KT_MOM_SET) {

@@ -1,0 +1,81 @@
+/*
+ * player_stage - what a scenario's steps and expectations work on.
+ *
+ * One stage exists while a scenario plays. It holds what the platform does not
+ * remember by itself: what became of the last frame, what the last debug
+ * command printed, how processes ended, which watches stand; and the timeline,
+ * to which everything that happens is told.
+ *
+ * A condition is a question to the platform as it is now. `expect` asks it
+ * once, `always` and `never` ask it after every single job of the event loop
+ * until their `end`.
+ */
+#ifndef SIM_PLAYER_STAGE_H
+#define SIM_PLAYER_STAGE_H
+
+#include <functional>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "sim/player_script.h"
+#include "sim/sim_process.h"
+#include "sim/sim_switch.h"
+
+namespace sim
+{
+
+struct Outcome {
+    bool holds;
+    std::string found; /* what there was instead, in words */
+};
+
+using Condition = std::function<Outcome(const Stage &)>;
+
+struct Watch {
+    size_t line;
+    std::string name;
+    std::string text;
+    Condition condition;
+    uint64_t checks; /* so far */
+    bool failed;     /* said so; a watch fails once */
+};
+
+struct Stage {
+    const Script *script;
+    const Step *step; /* the one that is played; nullptr before the first */
+    std::function<void(std::string_view)> print;
+    bool quiet; /* only what failed is printed */
+    int level;  /* log lines up to this debug level are printed */
+
+    uint64_t passed;
+    uint64_t failed;
+    uint64_t starts;    /* of the process */
+    uint64_t life_told; /* process_life() of the last start that was told */
+
+    std::optional<Verdict> verdict; /* of the last frame */
+    std::string shell_output;       /* of the last debug command */
+    std::vector<Ended> ends;
+    size_t log_from; /* log lines before this one are forgotten */
+    std::vector<Watch> watches;
+};
+
+/* One line of the timeline: now, who, what. Several lines of text are indented alike. */
+void stage_tell(Stage &stage, std::string_view who, std::string_view what);
+
+/* Counts an expectation and tells it; a failure names file and line, and is never quiet. */
+void stage_judge(Stage &stage, size_t line, const std::string &text, const Outcome &outcome);
+
+/* Asks every watch that stands and has not failed yet. */
+void stage_watch(Stage &stage);
+
+/* Tells of a process that has started since the last look. */
+void stage_notice_start(Stage &stage);
+
+/* Hooks the timeline to the platform: changes, log, process, faults. */
+void stage_listen(Stage &stage, bool trace);
+
+} // namespace sim
+
+#endif

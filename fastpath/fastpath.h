@@ -108,16 +108,21 @@ struct Ace {
     bool operator==(const Ace &) const = default;
 };
 
-/* When in the way of a frame through the switch an ACL acts. */
+/*
+ * When, in the way of a frame through the switch, an ACL acts. Within a phase
+ * the ACLs come in a fixed order of precedence and the first that matches
+ * decides: a frame that the CoS ACL ("vvlan_secu_pas_app") matched is voice and
+ * is not seen by the security ACL ("vvlan_secu_deny_app").
+ */
 enum class Phase {
-    classify, /* before the frame's VLAN is decided */
-    treat     /* in its VLAN */
+    classify, /* before the frame's VLAN is decided: "mac_vlan_app" */
+    treat     /* in its VLAN: "vvlan_secu_pas_app", then "vvlan_secu_deny_app" */
 };
 
-/* The ACLs that matched in one phase, and what they ask for together. */
-struct Treatment {
-    Actions actions;
-    std::string dropped_by; /* application type of the entry that drops, or empty */
+/* The entry that decides a phase, or none. Valid until the tables change. */
+struct Hit {
+    const Ace *ace = nullptr;
+    const char *app_type = "";
 };
 
 enum class Kind { acl, ace, apply };
@@ -168,8 +173,8 @@ public:
      */
     const Ace *lookup(std::string_view app_type, uint32_t phyid, const Key &key) const;
 
-    /* What the ACLs of a phase do to a frame, in their order of precedence. */
-    Treatment treat(Phase phase, uint32_t phyid, const Key &key) const;
+    /* The entry that decides a phase for a frame. */
+    Hit decide(Phase phase, uint32_t phyid, const Key &key) const;
 
     /* Ids of an application type's ACLs that are applied to a port, ascending. */
     std::vector<uint32_t> applied(std::string_view app_type, uint32_t phyid) const;
@@ -190,18 +195,20 @@ private:
         std::map<uint32_t, Application> applications;
     };
     using AclName = std::pair<std::string, uint32_t>;
-    using Acls = std::map<AclName, Acl, std::less<>>;
+    using Acls = std::map<AclName, Acl>;
 
-    Acl *find(const fp_udp_acl &acl);
+    Acls::iterator find(const fp_udp_acl &acl);
     bool in_sync(Kind kind, std::string_view app_type) const;
-    void settle(Acls::iterator at);
+    Acls::iterator settle(Acls::iterator at);
     void drop_left(Kind kind, Acl *acl);
+    void forget_left(Acls::iterator at, uint64_t ace_id);
     static void leave(Acl *acl);
+    static const Ace *match(const Acl &acl, const Key &key);
     static void acl_text(const AclName &name, const Acl &acl, std::string *out);
 
     Acls acls_;
-    std::map<std::string, std::array<bool, 3>, std::less<>> syncs_;
-    size_t applications_ = 0;
+    std::map<std::string, std::array<bool, 3>, std::less<>> syncs_; /* open, by Kind */
+    size_t applications_ = 0;                                       /* in all ACLs */
 };
 
 } // namespace fastpath

@@ -33,7 +33,9 @@
  *
  * Learnt MACs age by one job at a time, rounded up to the second, never by one
  * per MAC. Limits: 65,536 ports, 131,072 MACs; a MAC that finds the table full
- * is forwarded but not learnt.
+ * is forwarded but not learnt. Notices of many MACs at once (a VLAN is
+ * registered, MACs age together) are written 1,024 a job, so that those who
+ * listen keep up.
  */
 #ifndef SIM_SIM_SWITCH_H
 #define SIM_SIM_SWITCH_H
@@ -66,17 +68,17 @@ struct Verdict {
 };
 
 /*
- * Adds a port. ifx and phyid must both be new, pvid 1..4094; anything else,
- * or a full switch, aborts the simulation: a scenario's mistake.
+ * Adds a port. False, and nothing done, unless ifx and phyid are new, pvid is
+ * 1..4094 and there is room.
  */
-void switch_add_port(uint32_t ifx, uint32_t phyid, const std::string &name, uint16_t pvid = 1);
+bool switch_add_port(uint32_t ifx, uint32_t phyid, const std::string &name, uint16_t pvid = 1);
 
-/* Puts an existing port into a VLAN for good. */
-void switch_add_member(uint32_t ifx, uint16_t vid);
+/* Puts a port into a VLAN for good. False for an unknown port or a vid outside 1..4094. */
+bool switch_add_member(uint32_t ifx, uint16_t vid);
 
 bool switch_has_port(uint32_t ifx);
+/* Visits the ports in order of ifx. */
 void switch_each_port(const std::function<void(uint32_t ifx, const std::string &name)> &visit);
-std::optional<uint32_t> switch_ifx_by_name(const std::string &name);
 
 /* The device map: one phyid for one ifx. */
 std::optional<uint32_t> switch_phyid_by_ifx(uint32_t ifx);
@@ -110,12 +112,12 @@ std::string switch_port_text(uint32_t ifx);
 std::string switch_mac_text();
 
 /*
- * A database was emptied behind everybody's back: what the switch knows from
- * it is read anew.
+ * For mom_clear(): a database was emptied and nobody is told; what the switch
+ * knows from it is read anew.
  */
 void switch_mom_cleared(uint32_t db);
 
-/* No ports, no MACs, default aging; listens to the databases again. */
+/* No ports, no MACs, default aging; listens to the databases again: after mom_reset(). */
 void switch_reset();
 
 } // namespace sim

@@ -99,6 +99,10 @@ extern bool is_recording;
 Counter &counter_of(const char *name);
 int enter_watched(Counter &counter, const std::string &arguments);
 
+/* malloc() and calloc() have a counter that is there before any constructor ran. */
+extern Counter allocations;
+bool allocation_is_refused(size_t size);
+
 } // namespace call_detail
 
 inline PlatformScope::PlatformScope() : before(call_detail::platform_runs)
@@ -126,6 +130,12 @@ template <typename Arguments> int call_enter(const char *name, Arguments &&argum
     const PlatformScope scope;
     return call_detail::enter_watched(counter,
                                       call_detail::is_recording ? arguments() : std::string());
+}
+
+/* For arguments in the record. */
+inline const char *text_or_null(const char *text)
+{
+    return text == nullptr ? "(null)" : text;
 }
 
 } // namespace sim

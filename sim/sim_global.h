@@ -5,7 +5,8 @@
  * process runs (a test that calls a module's functions), it lives until the
  * reset. A finished context stays readable until then, so that a program that
  * goes on with it gets -ENOTCONN and not a crash. At most 64 contexts stand at
- * once; kt_global_init() then returns NULL.
+ * once; kt_global_init() then returns NULL. A context can have 65,536 timers
+ * running; one more is -ENOMEM.
  *
  * Besides, there is one context for everybody else on the switch (the bridge,
  * the management plane), which is always open and belongs to no process.
@@ -13,6 +14,7 @@
 #ifndef SIM_SIM_GLOBAL_H
 #define SIM_SIM_GLOBAL_H
 
+#include <cstdint>
 #include <functional>
 
 #include "platform/kt_global.h"
@@ -33,6 +35,9 @@ bool global_is_open(const kt_global *global);
  * has been finished or its process has ended by then.
  */
 void global_post_at(kt_global *global, Micros when, std::function<void()> function);
+
+/* Frees the contexts of a life that has ended. */
+void global_process_ended(uint64_t life);
 
 /* Forgets all contexts but the peer's. */
 void global_reset();

@@ -37,7 +37,8 @@ struct Ended {
     int pid;
     int status; /* exit status, 0..255, or the signal */
     bool by_signal;
-    uint64_t life; /* its process_life() */
+    uint64_t life;   /* its process_life() */
+    bool is_program; /* it was the installed program, begun by process_start() */
 };
 
 void process_install(const Program &program);

@@ -4,8 +4,9 @@
  * A process that asked for it (reg_process_exit_action()) is started again when
  * it ends, whatever its status was, after a delay of virtual time. One that
  * ends again and again is not started for ever: when a window of time has seen
- * the allowed number of restarts, the manager gives up and says so. A later
- * process_start() by hand makes a fresh beginning.
+ * the allowed number of restarts, the manager gives up and says so. Who starts
+ * the program again by hand and has it register gets the manager back, within
+ * the same limit.
  */
 #ifndef SIM_SIM_RESTART_H
 #define SIM_SIM_RESTART_H

@@ -14,6 +14,7 @@
 #ifndef SIM_SIM_SHELL_H
 #define SIM_SIM_SHELL_H
 
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -34,6 +35,9 @@ struct ShellCommand {
 
 /* The commands that can be run now, in the order of registration. */
 std::vector<ShellCommand> shell_commands();
+
+/* Takes the commands of a life that has ended out of the table. */
+void shell_process_ended(uint64_t life);
 
 void shell_reset();
 

@@ -1,0 +1,21 @@
+#!/usr/bin/env bash
+# Line coverage of the daemon by all tests: the figure per file, and failure
+# below the limit. The lines that are not reached are listed by --missed.
+set -euo pipefail
+cd "$(dirname "${BASH_SOURCE[0]}")/.."
+. cmake/packages.sh
+
+limit=95
+
+# shellcheck disable=SC2086 # lists of words
+packages_install $packages_coverage
+build_preset coverage
+find build/coverage -name '*.gcda' -delete
+ctest --preset coverage --no-tests=error -j "$(nproc)" >build/coverage.txt || {
+    cat build/coverage.txt
+    exit 1
+}
+report=(gcovr --root . --object-directory build/coverage --filter app/proc/ --print-summary
+        --fail-under-line "$limit" --gcov-ignore-parse-errors)
+[ "${1:-}" != --missed ] || report+=(--txt)
+"${report[@]}" build/coverage/app

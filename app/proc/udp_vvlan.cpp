@@ -30,7 +30,7 @@ constexpr char LOG_CATEGORY[] = "vvlan";
 
 constexpr size_t PATH_SIZE = 256;
 constexpr size_t DEBUG_TEXT_SIZE = 20; /* bytes read from the debug-level file */
-constexpr unsigned long DEBUG_LEVEL_MAX = 5;
+constexpr uint32_t DEBUG_LEVEL_MAX = 5;
 constexpr int EXIT_OTHER_INSTANCE = 77;
 
 bool lock_pid_file(void);
@@ -238,8 +238,8 @@ void read_debug_level(void)
     char text[DEBUG_TEXT_SIZE + 1] = {};
     if (read(fd, text, DEBUG_TEXT_SIZE) > 0) {
         const int base = strncasecmp(text, "0x", 2) == 0 ? 16 : 10;
-        const auto level = static_cast<unsigned long>(std::strtol(text, nullptr, base));
-        udp_vvlan_debug_level = static_cast<uint32_t>(std::min(level, DEBUG_LEVEL_MAX));
+        const auto level = static_cast<uint32_t>(std::strtol(text, nullptr, base));
+        udp_vvlan_debug_level = std::min(level, DEBUG_LEVEL_MAX);
     }
     close(fd);
 }

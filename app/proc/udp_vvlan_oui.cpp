@@ -1,5 +1,6 @@
 #include "app/proc/udp_vvlan_oui.h"
 
+#include <array>
 #include <bit>
 #include <cstdlib>
 #include <cstring>
@@ -19,26 +20,42 @@ namespace
 /* What most OUIs are: the three bytes that the registry assigns. It wins over all others. */
 constexpr uint32_t PREFIX_FIRST = 24;
 
-bool is_equal(const udp_vvlan_mac_addr *a, const udp_vvlan_mac_addr *b)
+/*
+ * An address in one word, in the order of memory: masked and compared at once.
+ * Two loads, since one through a buffer on the stack would wait for its stores.
+ */
+uint64_t word_of(const udp_vvlan_mac_addr *mac)
 {
-    return std::memcmp(a->bytes, b->bytes, sizeof a->bytes) == 0;
+    uint32_t first;
+    uint16_t last;
+    std::memcpy(&first, mac->bytes, sizeof first);
+    std::memcpy(&last, mac->bytes + sizeof first, sizeof last);
+    return first | uint64_t{last} << 32;
 }
 
-udp_vvlan_mac_addr masked(const udp_vvlan_mac_addr *mac, const udp_vvlan_mac_addr *mask)
+/* The bucket is the sum of the six bytes modulo 16, to which only low halves contribute. */
+udp_vvlan_link *bucket_of(uint64_t masked)
 {
-    udp_vvlan_mac_addr result;
-    for (size_t i = 0; i < sizeof result.bytes; i++)
-        result.bytes[i] = mac->bytes[i] & mask->bytes[i];
-    return result;
-}
-
-udp_vvlan_link *bucket_of(const udp_vvlan_mac_addr *mac, const udp_vvlan_mac_addr *mask)
-{
-    uint32_t sum = 0;
-    for (uint8_t byte : masked(mac, mask).bytes)
-        sum += byte;
+    const uint64_t sum = (masked & 0x0F0F0F0F0F0F) * 0x010101010101 >> 40;
     return &vvlan_oui_table.buckets[sum % UDP_VVLAN_OUI_BUCKETS];
 }
+
+constexpr udp_vvlan_mac_addr prefix_mask(uint32_t length)
+{
+    udp_vvlan_mac_addr mask = {};
+    for (uint32_t i = 0; i < length / 8; i++)
+        mask.bytes[i] = 0xFF;
+    if (length / 8 < sizeof mask.bytes)
+        mask.bytes[length / 8] = static_cast<uint8_t>(0xFF << (8 - length % 8));
+    return mask;
+}
+
+constexpr auto PREFIX_MASKS = [] {
+    std::array<udp_vvlan_mac_addr, UDP_VVLAN_OUI_PREFIX_MAX + 1> masks = {};
+    for (uint32_t length = 0; length < masks.size(); length++)
+        masks[length] = prefix_mask(length);
+    return masks;
+}();
 
 vvlan_oui *node_of(udp_vvlan_link *link)
 {
@@ -51,7 +68,8 @@ bool has_prefix(uint32_t length)
     return (vvlan_oui_table.prefix_present >> length & 1) != 0;
 }
 
-vvlan_oui *find_prefix(const udp_vvlan_mac_addr *mac, uint32_t length);
+vvlan_oui *find(uint64_t mac, uint64_t mask);
+vvlan_oui *find_prefix(uint64_t mac, uint32_t length);
 void count_prefix(const udp_vvlan_mac_addr *mask, bool add);
 vvlan_oui *link_new(const udp_vvlan_mac_addr *mac, const udp_vvlan_mac_addr *mask);
 
@@ -73,25 +91,20 @@ int udp_vvlan_mac_init(void)
 
 vvlan_oui *udp_vvlan_oui_find(const udp_vvlan_mac_addr *mac, const udp_vvlan_mac_addr *mask)
 {
-    udp_vvlan_link *head = bucket_of(mac, mask);
-    for (udp_vvlan_link *link = head->next; link != head; link = link->next) {
-        vvlan_oui *node = node_of(link);
-        if (is_equal(&node->mac, mac) && is_equal(&node->mask, mask))
-            return node;
-    }
-    return nullptr;
+    return find(word_of(mac), word_of(mask));
 }
 
 vvlan_oui *udp_vvlan_oui_match(const udp_vvlan_mac_addr *mac)
 {
+    const uint64_t word = word_of(mac);
     if (has_prefix(PREFIX_FIRST)) {
-        if (vvlan_oui *node = find_prefix(mac, PREFIX_FIRST))
+        if (vvlan_oui *node = find_prefix(word, PREFIX_FIRST))
             return node;
     }
     uint64_t lengths = vvlan_oui_table.prefix_present & ~(uint64_t{1} << PREFIX_FIRST);
     while (lengths != 0) {
         const auto length = static_cast<uint32_t>(std::bit_width(lengths)) - 1;
-        if (vvlan_oui *node = find_prefix(mac, length))
+        if (vvlan_oui *node = find_prefix(word, length))
             return node;
         lengths &= ~(uint64_t{1} << length);
     }
@@ -100,10 +113,7 @@ vvlan_oui *udp_vvlan_oui_match(const udp_vvlan_mac_addr *mac)
 
 void udp_vvlan_oui_prefix_mask(uint32_t length, udp_vvlan_mac_addr *out)
 {
-    *out = {};
-    std::memset(out->bytes, 0xFF, length / 8);
-    if (length / 8 < sizeof out->bytes)
-        out->bytes[length / 8] = static_cast<uint8_t>(0xFF << (8 - length % 8));
+    *out = prefix_mask(length);
 }
 
 vvlan_oui *udp_vvlan_oui_add_node(const udp_vvlan_mac_addr *mac, const udp_vvlan_mac_addr *mask)
@@ -224,24 +234,29 @@ int udp_vvlan_oui_foreach(int (*function)(vvlan_oui *, void *), void *argument)
 namespace
 {
 
-vvlan_oui *find_prefix(const udp_vvlan_mac_addr *mac, uint32_t length)
+vvlan_oui *find(uint64_t mac, uint64_t mask)
 {
-    udp_vvlan_mac_addr mask;
-    udp_vvlan_oui_prefix_mask(length, &mask);
-    const udp_vvlan_mac_addr key = masked(mac, &mask);
-    return udp_vvlan_oui_find(&key, &mask);
+    udp_vvlan_link *head = bucket_of(mac & mask);
+    for (udp_vvlan_link *link = head->next; link != head; link = link->next) {
+        vvlan_oui *node = node_of(link);
+        if (word_of(&node->mac) == mac && word_of(&node->mask) == mask)
+            return node;
+    }
+    return nullptr;
+}
+
+vvlan_oui *find_prefix(uint64_t mac, uint32_t length)
+{
+    const uint64_t mask = word_of(&PREFIX_MASKS[length]);
+    return find(mac & mask, mask);
 }
 
 /* Counts an entry with this mask in or out; a mask that is no prefix is not counted. */
 void count_prefix(const udp_vvlan_mac_addr *mask, bool add)
 {
-    udp_vvlan_mac_addr prefix;
     uint32_t length = UDP_VVLAN_OUI_PREFIX_MAX;
-    for (; length > 0; length--) {
-        udp_vvlan_oui_prefix_mask(length, &prefix);
-        if (is_equal(mask, &prefix))
-            break;
-    }
+    while (length > 0 && word_of(mask) != word_of(&PREFIX_MASKS[length]))
+        length--;
     if (length == 0)
         return;
     uint32_t &count = vvlan_oui_table.prefix_count[length];
@@ -260,7 +275,7 @@ vvlan_oui *link_new(const udp_vvlan_mac_addr *mac, const udp_vvlan_mac_addr *mas
         return nullptr;
     node->mac = *mac;
     node->mask = *mask;
-    udp_vvlan_list_add_tail(bucket_of(mac, mask), &node->link);
+    udp_vvlan_list_add_tail(bucket_of(word_of(mac) & word_of(mask)), &node->link);
     count_prefix(mask, true);
     return node;
 }

@@ -24,16 +24,16 @@
 #ifndef SIM_SIM_MOM_H
 #define SIM_SIM_MOM_H
 
+#include "mom/kt_mom_peer.h"
+#include "object/object.h"
+#include "platform/kt_global.h"
+#include "platform/kt_mom.h"
+
 #include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <optional>
 #include <span>
-
-#include "mom/kt_mom_peer.h"
-#include "object/object.h"
-#include "platform/kt_global.h"
-#include "platform/kt_mom.h"
 
 namespace sim
 {
@@ -48,11 +48,11 @@ struct MomMeta {
 /* The owner life of an object that the peer owns. */
 constexpr uint64_t MOM_PEER_LIFE = UINT64_MAX;
 
-using MomListener = std::function<void(uint32_t db, uint32_t operation,
-                                       const ProtobufCMessage &object,
-                                       std::span<const uint32_t> fields)>;
+using MomListener =
+    std::function<void(uint32_t db, uint32_t operation, const ProtobufCMessage &object,
+                       std::span<const uint32_t> fields)>;
 
-/* The context of the other client. It is always connected and never owned by the caller. */
+/* The context of the other client (global_peer()). It is always connected. */
 kt_global *mom_peer();
 
 /*
@@ -91,10 +91,6 @@ void mom_on_change(MomListener listener);
 
 /* Changes that may wait for one subscription; at least 1. */
 void mom_queue_limit(size_t changes);
-
-/* For kt_global_init() and kt_global_finish(): the context is in use, is not any more. */
-void mom_open(const kt_global *global);
-void mom_close(const kt_global *global);
 
 /* A process is gone: its connections and subscriptions end, its owner objects are deleted. */
 void mom_process_ended(uint64_t life);

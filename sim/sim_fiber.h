@@ -16,6 +16,7 @@
 
 #include <csetjmp>
 #include <cstddef>
+#include <ucontext.h>
 
 namespace sim
 {
@@ -51,6 +52,7 @@ private:
     char *memory; /* guard page, then the stack */
     bool begun = false;
     bool left = false;
+    ucontext_t start;
     jmp_buf here;      /* where the fiber stands */
     jmp_buf simulator; /* where the simulator stands */
     void *fake_stack = nullptr;

@@ -9,8 +9,9 @@
  * fetched by its own type, so that what it prints is what snprintf() prints.
  * Nothing is allocated, and nothing is read of a MAC but its six bytes.
  *
- * Limits, in a format with `%m`: `%n` and numbered arguments (`%1$d`) are
- * refused, as is a conversion whose text is longer than 63 characters.
+ * Limits, in a format with `%m`: `%n`, numbered arguments (`%1$d`) and a length
+ * modifier before the `m` are refused, as is a conversion whose text is longer
+ * than 63 characters.
  */
 #ifndef TEXT_AT_FORMAT_H
 #define TEXT_AT_FORMAT_H

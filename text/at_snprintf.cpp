@@ -167,10 +167,9 @@ const char *parse(const char *at, Arguments *arguments, Conversion *conversion)
         at = parse_length(at, conversion);
     if (at == nullptr || *at == '\0')
         return nullptr;
-    conversion->kind = *at == 'm' ? 's' : *at;
-    if (*at == 'm')
-        conversion->length = Length::none;
-    if (!conversion->add(conversion->kind))
+    if (*at == 'm' && conversion->length != Length::none)
+        return nullptr;
+    if (!conversion->add(*at == 'm' ? 's' : *at)) /* the MAC is printed as text */
         return nullptr;
     conversion->kind = *at;
     return at + 1;

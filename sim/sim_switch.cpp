@@ -285,6 +285,7 @@ void switch_reset()
 {
     ports.clear();
     ifx_by_phyid.clear();
+    fp_reset();
     switch_mac_reset();
     switch_view_reset();
 }

@@ -117,7 +117,10 @@ std::string switch_mac_text();
  */
 void switch_mom_cleared(uint32_t db);
 
-/* No ports, no MACs, default aging; listens to the databases again: after mom_reset(). */
+/*
+ * No ports, no MACs, default aging, an empty fast path; listens to the databases
+ * again: after mom_reset().
+ */
 void switch_reset();
 
 } // namespace sim

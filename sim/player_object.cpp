@@ -10,28 +10,33 @@ namespace
 
 struct ChangeWords {
     const char *kind;
-    const char *set; /* %s is the number in the key, or nothing when there is none */
+    const char *set; /* {field} stands for the value of that field */
     const char *del;
 };
 
-/* The objects by what they mean; a `*` stands for the value of the key's first field. */
 constexpr ChangeWords WORDS[] = {
-    {"p_bridge.vvlan_glb_cfg", "global settings change", "global settings are deleted"},
-    {"p_bridge.vvlan_oui_cfg", "OUI is configured", "OUI is no longer configured"},
-    {"p_bridge.vvlan_port_cfg", "port * is configured", "port * is no longer configured"},
-    {"p_bridge.vvlan_port_auto", "port * joins the voice VLAN", "port * leaves the voice VLAN"},
+    {"p_bridge.vvlan_glb_cfg", "the global settings change", "the global settings are deleted"},
+    {"p_bridge.vvlan_oui_cfg", "an OUI is configured", "an OUI is no longer configured"},
+    {"p_bridge.vvlan_port_cfg", "port {index.ifx} is configured",
+     "port {index.ifx} is no longer configured"},
+    {"p_bridge.vvlan_port_auto", "port {index.ifx} joins the voice VLAN",
+     "port {index.ifx} leaves the voice VLAN"},
     {"p_bridge.vvlan_err_event", "a failure is reported", "a failure report is deleted"},
-    {"s_bridge.vvlan_port_noty", "a phone is seen on phyid *", "the notice of phyid * is deleted"},
-    {"u_bridge.vvlan_oui_cfg", "OUI gets ACE id *", "OUI gives ACE id * back"},
-    {"u_bridge.vvlan_port_cfg", "port * is trapped", "port * is no longer trapped"},
-    {"u_bridge.vvlan_join", "port *'s join is recorded", "port *'s join record goes"},
-    {"u_bridge.mac_vid_reg", "MACs of VLAN * are wanted", "MACs of VLAN * are not wanted"},
-    {"u_bridge.mac_vid_reg_noti", "MAC is learnt in VLAN *", "MAC is gone from VLAN *"},
+    {"s_bridge.vvlan_port_noty", "a voice device is seen", "a notice is deleted"},
+    {"u_bridge.mac_vid_reg_noti", "{index.t_mac} is learnt on port {port_id}",
+     "{index.t_mac} is gone from port {port_id}"},
+    {"u_bridge.vvlan_oui_cfg", "the OUI gets ACE id {index.ace_id}",
+     "ACE id {index.ace_id} is given back"},
+    {"u_bridge.vvlan_port_cfg", "port {index.ifx} is trapped", "the trap of port {index.ifx} goes"},
+    {"u_bridge.vvlan_join", "port {index.ifx} is recorded as joined",
+     "port {index.ifx}'s join record goes"},
+    {"u_bridge.mac_vid_reg", "MACs of VLAN {index.vid} are wanted",
+     "MACs of VLAN {index.vid} are not wanted"},
     {"s_cluster.reg_pkt_info", "the packet plug-in is registered", "the packet plug-in goes"},
 };
 
-/* The value of the first field of the key as text; empty when there is none. */
-std::string first_key_value(const ProtobufCMessage &message);
+/* The value of a field as object::to_text() writes it; empty when it is left out there. */
+std::string field_text(const std::string &text, const std::string &field);
 
 } // namespace
 
@@ -73,9 +78,13 @@ std::string object_change_words(uint32_t operation, const ProtobufCMessage &mess
     for (const ChangeWords &words : WORDS) {
         if (std::string_view(message.descriptor->name) != words.kind)
             continue;
+        const std::string values = object::to_text(message);
         std::string text = operation == KT_MOM_DEL ? words.del : words.set;
-        if (const size_t star = text.find('*'); star != std::string::npos)
-            text.replace(star, 1, first_key_value(message));
+        for (size_t open; (open = text.find('{')) != std::string::npos;) {
+            const size_t close = text.find('}', open);
+            const std::string field = text.substr(open + 1, close - open - 1);
+            text.replace(open, close - open + 1, field_text(values, field));
+        }
         return text;
     }
     return {};
@@ -84,11 +93,13 @@ std::string object_change_words(uint32_t operation, const ProtobufCMessage &mess
 namespace
 {
 
-std::string first_key_value(const ProtobufCMessage &message)
+std::string field_text(const std::string &text, const std::string &field)
 {
-    const std::string text = object::to_text(message);
-    const size_t from = text.find('=');
-    return from == std::string::npos ? "" : text.substr(from + 1, text.find(' ', from) - from - 1);
+    const size_t at = (" " + text).find(" " + field + "=");
+    if (at == std::string::npos)
+        return {};
+    const size_t from = at + field.size() + 1;
+    return text.substr(from, text.find(' ', from) - from);
 }
 
 } // namespace

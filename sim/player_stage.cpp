@@ -20,6 +20,7 @@ namespace
 
 constexpr size_t TEXT_COLUMN = 23; /* where what happened begins */
 
+void print_line(Stage &stage, std::string_view who, std::string_view what);
 std::string time_text(Micros when);
 void tell_change(Stage &stage, uint32_t db, uint32_t operation, const ProtobufCMessage &object,
                  std::span<const uint32_t> fields);
@@ -35,20 +36,8 @@ const char *writer_of(const ProtobufCMessage &object);
 void stage_tell(Stage &stage, std::string_view who, std::string_view what)
 {
     stage_notice_start(stage);
-    if (stage.quiet)
-        return;
-    char head[64];
-    std::snprintf(head, sizeof head, "%11s  %-9.*s ", time_text(now()).c_str(),
-                  static_cast<int>(who.size()), who.data());
-    std::string text = head;
-    while (!what.empty()) {
-        const size_t length = what.find('\n');
-        text += std::string(what.substr(0, length)) + '\n';
-        what.remove_prefix(length == std::string_view::npos ? what.size() : length + 1);
-        if (!what.empty())
-            text += std::string(TEXT_COLUMN, ' ');
-    }
-    stage.print(text);
+    if (!stage.quiet)
+        print_line(stage, who, what);
 }
 
 void stage_judge(Stage &stage, size_t line, const std::string &text, const Outcome &outcome)
@@ -60,9 +49,9 @@ void stage_judge(Stage &stage, size_t line, const std::string &text, const Outco
     }
     stage.failed++;
     stage_notice_start(stage);
-    stage.print(time_text(now()) + "  FAILED    " + stage.script->file + ":" +
-                std::to_string(line) + ": " + text + "\n" + std::string(TEXT_COLUMN, ' ') +
-                "found: " + outcome.found + "\n");
+    print_line(stage, "FAILED",
+               stage.script->file + ":" + std::to_string(line) + ": " + text +
+                   "\nfound: " + outcome.found);
 }
 
 void stage_watch(Stage &stage)
@@ -103,6 +92,22 @@ void stage_listen(Stage &stage, bool trace)
 namespace
 {
 
+void print_line(Stage &stage, std::string_view who, std::string_view what)
+{
+    char head[64];
+    std::snprintf(head, sizeof head, "%11s  %-9.*s ", time_text(now()).c_str(),
+                  static_cast<int>(who.size()), who.data());
+    std::string text = head;
+    while (!what.empty()) {
+        const size_t length = what.find('\n');
+        text += std::string(what.substr(0, length)) + '\n';
+        what.remove_prefix(length == std::string_view::npos ? what.size() : length + 1);
+        if (!what.empty())
+            text += std::string(TEXT_COLUMN, ' ');
+    }
+    stage.print(text);
+}
+
 /* "1:02:03.456", without hours and minutes that are zero. */
 std::string time_text(Micros when)
 {
@@ -127,7 +132,7 @@ void tell_change(Stage &stage, uint32_t db, uint32_t operation, const ProtobufCM
                        : operation == KT_MOM_PUBLISH ? "publish"
                                                      : "set";
     std::string text = object_change_words(operation, object);
-    text.resize(std::max<size_t>(text.size(), 34), ' ');
+    text.resize(std::max<size_t>(text.size(), 38), ' ');
     text += std::string(" | ") + verb + " " + std::to_string(db) + " " + object.descriptor->name;
     object::Message changed;
     const ProtobufCMessage *shown = &object;

@@ -18,6 +18,7 @@
 #include "app/proc/udp_vvlan_event.h"
 #include "app/proc/udp_vvlan_glb_cfg.h"
 #include "app/proc/udp_vvlan_handler.h"
+#include "app/proc/udp_vvlan_mac.h"
 #include "app/proc/udp_vvlan_oui.h"
 #include "app/proc/udp_vvlan_port.h"
 #include "object/object.h"
@@ -241,6 +242,8 @@ TEST_F(Core, ReconnectResynchronisesWhenTheLastOneIsBack)
     EXPECT_THAT(called({"kt_mom_subscribe_field", "kt_mom_scan_sync", "libddm_init", TIMER}),
                 ElementsAre("kt_mom_scan_sync", "kt_mom_subscribe_field"));
     EXPECT_THAT(log_texts(), Contains("<reinit> reinit vvlan successfully."));
+    /* All four scans count anew: only the last one's end is the end of it. */
+    EXPECT_THAT(called({"acl_sync_end"}), testing::SizeIs(3));
     EXPECT_EQ(udp_vvlan_glb.vid, 77U);
 }
 
@@ -502,10 +505,14 @@ TEST_F(Core, PortsAreConfiguredAndForgotten)
     ASSERT_NE(udp_vvlan_port_find(9), nullptr); /* a port that nobody knows is kept all the same */
     EXPECT_EQ(udp_vvlan_port_find(9)->phyid, 0U);
 
+    const udp_vvlan_mac_addr mac = {{0x00, 0x11, 0x22, 1, 2, 3}};
+    udp_vvlan_mac_add(&mac, 3);
+    ASSERT_NE(udp_vvlan_mac_find(&mac), nullptr);
     const auto key = make("p_bridge.vvlan_port_cfg", "index.ifx=3");
     kt_mom_del(sim::mom_peer(), 4, key.get(), 0, 0);
     sim::settle();
     EXPECT_EQ(udp_vvlan_port_find(3), nullptr);
+    EXPECT_EQ(udp_vvlan_mac_find(&mac), nullptr);
     const kt_mom_msg del = change(KT_MOM_DEL, key.get());
     EXPECT_EQ(udp_vvlan_event_set_port_cfg(udp_vvlan_global, &del), -7);
     const kt_mom_msg publish = change(KT_MOM_PUBLISH, key.get());

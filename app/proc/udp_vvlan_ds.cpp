@@ -253,7 +253,8 @@ const ProtobufCMessage *empty_object(ds_empty *empty, const ProtobufCMessageDesc
         const auto *kind = static_cast<const ProtobufCMessageDescriptor *>(field->descriptor);
         kind->message_init(&empty->index.base);
         const ProtobufCMessage *index = &empty->index.base;
-        std::memcpy(reinterpret_cast<char *>(&empty->object) + field->offset, &index, sizeof index);
+        std::memcpy(reinterpret_cast<char *>(&empty->object) + field->offset, &index,
+                    sizeof(void *));
     }
     return &empty->object.base;
 }

@@ -36,7 +36,6 @@ namespace
 using sim::calls_count;
 using testing::Contains;
 using testing::ElementsAre;
-using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::Not;
 using Names = std::vector<std::string>;

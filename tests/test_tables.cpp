@@ -227,6 +227,12 @@ TEST_F(Tables, OuiMatchAgreesWithANaiveModel)
             ASSERT_EQ(udp_vvlan_oui_match(&mac), expected);
             hits += expected != nullptr;
         }
+        uint64_t lengths = 0; /* that some entry has: only these may cost a look */
+        for (const vvlan_oui *node : nodes)
+            for (uint32_t length = 1; length <= 48; length++)
+                if (number_of(node->mask) == ((uint64_t{1} << length) - 1) << (48 - length))
+                    lengths |= uint64_t{1} << length;
+        ASSERT_EQ(vvlan_oui_table.prefix_present, lengths);
     }
     EXPECT_GT(hits, 300);
     EXPECT_LT(hits, 2700);

@@ -42,6 +42,7 @@ std::deque<Counter> counters;              /* do not move, are never removed */
 std::deque<std::string> names;             /* what counters that a plan made point at */
 std::array<Counter *, CACHE_SIZE> cache;   /* by address of the name */
 std::array<const char *, CACHE_SIZE> keys; /* whose they are */
+size_t cached;
 
 template <typename Function> void each_counter(Function function)
 {
@@ -112,12 +113,16 @@ Counter &counter_of(const char *name)
     size_t at = (reinterpret_cast<uintptr_t>(name) * 0x9E3779B97F4A7C15U) >> 55;
     while (keys[at] != name && keys[at] != nullptr)
         at = (at + 1) % CACHE_SIZE;
-    if (keys[at] == nullptr) {
-        const PlatformScope scope;
-        cache[at] = &counter_for(name);
+    if (keys[at] != nullptr)
+        return *cache[at];
+    const PlatformScope scope;
+    Counter &counter = counter_for(name);
+    if (cached < CACHE_SIZE / 2) { /* there must be an end to every probe */
+        cache[at] = &counter;
         keys[at] = name;
+        cached++;
     }
-    return *cache[at];
+    return counter;
 }
 
 int enter_watched(Counter &counter, const std::string &arguments)

@@ -143,12 +143,14 @@ bool process_is_running()
 
 int process_pid()
 {
-    return innermost() == nullptr ? processes.next_pid - 1 : innermost()->pid;
+    const Process *process = innermost();
+    return process == nullptr ? processes.next_pid - 1 : process->pid;
 }
 
 uint64_t process_life()
 {
-    return innermost() == nullptr ? processes.lives : innermost()->life;
+    const Process *process = innermost();
+    return process == nullptr ? processes.lives : process->life;
 }
 
 bool process_is_current()

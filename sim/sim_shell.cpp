@@ -140,22 +140,26 @@ std::string parse_arguments(const Command &command, const std::vector<std::strin
     return "";
 }
 
+bool refuse(const std::string &sentence, std::string *output)
+{
+    *output = sentence;
+    return false;
+}
+
 } // namespace
 
 bool shell_run(const std::string &command_line, std::string *output, int *status)
 {
-    output->clear();
     const std::vector<std::string> words = split(command_line);
-    const Command *command = words.empty() ? nullptr : find_command(words[0]);
-    std::vector<int> values;
     if (words.empty())
-        *output = "No command was given.\n";
-    else if (command == nullptr)
-        *output = "There is no command \"" + words[0] + "\".\n";
-    else
-        *output = parse_arguments(*command, words, &values);
-    if (!output->empty())
-        return false;
+        return refuse("No command was given.\n", output);
+    const Command *command = find_command(words[0]);
+    if (command == nullptr)
+        return refuse("There is no command \"" + words[0] + "\".\n", output);
+    std::vector<int> values;
+    const std::string mistake = parse_arguments(*command, words, &values);
+    if (!mistake.empty())
+        return refuse(mistake, output);
     const ssat_handler handler = command->handler; /* the table may change meanwhile */
     int result = 0;
     OutputCapture capture;

@@ -15,7 +15,8 @@ namespace sim
 /*
  * Puts all parts back to their start: time 0, no process, no program, no
  * files, objects, ports, commands, plans, records or listeners. For a test's
- * SetUp; not from inside a process.
+ * SetUp, and before main returns where leaks are looked for: what a parked
+ * process holds would count. Not from inside a process.
  */
 void world_reset();
 

@@ -189,10 +189,10 @@ int print_integer(Output *output, const Conversion &conversion, Arguments *argum
     case Length::ll:
     case Length::big_l:
         return hand_on(output, conversion, va_arg(arguments->list, long long));
-    case Length::z:
-        return hand_on(output, conversion, va_arg(arguments->list, size_t));
     case Length::j:
         return hand_on(output, conversion, va_arg(arguments->list, intmax_t));
+    case Length::z:
+        return hand_on(output, conversion, va_arg(arguments->list, size_t));
     case Length::t:
         return hand_on(output, conversion, va_arg(arguments->list, ptrdiff_t));
     default:

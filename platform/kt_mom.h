@@ -183,7 +183,7 @@ int kt_mom_clear_expire(kt_global *global, uint32_t db, const ProtobufCMessage *
 /*
  * Fetches one object. status, if not NULL, gets 0 or a negative errno value.
  * Returns the object, to be freed with kt_mom_kt_obj_free(), or NULL when
- * there is none.
+ * there is none. Freeing NULL does nothing.
  */
 ProtobufCMessage *kt_mom_get_sync(kt_global *global, uint32_t db, const ProtobufCMessage *key,
                                   int *status);
@@ -204,7 +204,8 @@ int kt_mom_del_ow(kt_global *global, uint32_t db, const ProtobufCMessage *key, u
 /*
  * Sections. match as above, expire in seconds. kt_mom_dsbegin_sync() has
  * marked when it returns, the others before any later call on that connection
- * takes effect. The callback, if not NULL, is told of a failure.
+ * takes effect. The callback, if not NULL, is told of a failure; that of
+ * kt_mom_dsend() gets NULL as user data.
  */
 int kt_mom_dsbegin_sync(kt_global *global, uint32_t db, const ProtobufCMessage *key, uint32_t match,
                         uint64_t expire);

@@ -50,11 +50,11 @@ int udp_vvlan_reinit(kt_global *global);
 
 } // namespace
 
-void udp_vvlan_log_write(const udp_vvlan_where &where, int level, const char *text)
+void udp_vvlan_log_write(const udp_vvlan_where &where, long line, int level, const char *text)
 {
     if (udp_vvlan_zlog != nullptr)
         ktdf_zlog(udp_vvlan_zlog, where.file, where.file_length, where.func, where.func_length,
-                  where.line, level, "%s", text);
+                  line, level, "%s", text);
 }
 
 int udp_vvlan_main(void)

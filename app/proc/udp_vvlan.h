@@ -34,7 +34,7 @@ struct udp_vvlan_where {
     size_t file_length;
     const char *func;
     size_t func_length;
-    long line;
+    long line; /* used only where the log statement stands in a header */
 };
 
 /* The place that this is written at. Inside a lambda, __func__ is of no use: take it outside. */
@@ -47,8 +47,9 @@ struct udp_vvlan_where {
  * The debug level is tested first; when it is too low nothing is formatted and
  * no argument is evaluated. The level is a ladder: 0 silences everything, 1
  * lets errors through, 2 warnings too, 4 progress, 5 everything. The _AT forms
- * take the place from their first argument, so that a helper which several
- * functions share logs under the name of the one that was called.
+ * take the function from their first argument, so that a helper which several
+ * functions share logs under the name of the one that was called; the line is
+ * the statement's own.
  */
 #define UDP_VVLAN_LOG_ERROR(...) UDP_VVLAN_LOG_ERROR_AT(UDP_VVLAN_HERE, __VA_ARGS__)
 #define UDP_VVLAN_LOG_WARN(...) UDP_VVLAN_LOG_WARN_AT(UDP_VVLAN_HERE, __VA_ARGS__)
@@ -66,16 +67,19 @@ struct udp_vvlan_where {
 
 /* What the forms above are made of; not for use by itself. */
 #define UDP_VVLAN_LOG_ABOVE(debug_level, level, where, ...)                                        \
+    UDP_VVLAN_LOG_LINE_ABOVE(debug_level, level, where, __LINE__, __VA_ARGS__)
+#define UDP_VVLAN_LOG_LINE_ABOVE(debug_level, level, where, line_number, ...)                      \
     do {                                                                                           \
         if (udp_vvlan_debug_level > (debug_level)) [[unlikely]] {                                  \
             char udp_vvlan_log_text[UDP_VVLAN_LOG_TEXT_SIZE] = {};                                 \
             at_snprintf(udp_vvlan_log_text, sizeof udp_vvlan_log_text, __VA_ARGS__);               \
-            udp_vvlan_log_write((where), (level), udp_vvlan_log_text);                             \
+            udp_vvlan_log_write((where), (line_number), (level), udp_vvlan_log_text);              \
         }                                                                                          \
     } while (0)
 
-/* Writes a finished text to the log, if the log is open. level: ktdf_zlog_level. */
-void udp_vvlan_log_write(const udp_vvlan_where &where, int level, const char *text);
+/* Writes a finished text of source line `line` to the log, if it is open. level: ktdf_zlog_level.
+ */
+void udp_vvlan_log_write(const udp_vvlan_where &where, long line, int level, const char *text);
 
 /*
  * What follows a library call that failed: above debug level 1 the call is made
@@ -93,7 +97,7 @@ void udp_vvlan_log_write(const udp_vvlan_where &where, int level, const char *te
  */
 template <typename Call> int udp_vvlan_call_again(const udp_vvlan_where &where, Call call)
 {
-    UDP_VVLAN_LOG_WARN_AT(where, "rv = %d", call());
+    UDP_VVLAN_LOG_LINE_ABOVE(1, KTDF_ZLOG_LV_WARN, where, where.line, "rv = %d", call());
     return call();
 }
 

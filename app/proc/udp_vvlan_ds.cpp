@@ -166,7 +166,7 @@ int udp_vvlan_ds_callback(kt_global *global, const kt_mom_msg *msg, void *user)
 {
     const auto *entry = static_cast<const udp_vvlan_ds_entry *>(user);
     if (entry == nullptr)
-        return -1;
+        return UDP_VVLAN_E_ARGUMENT;
     if (msg == nullptr)
         return entry->change(global, msg, entry->field_tag); /* which reports it */
     if (msg->operation == KT_MOM_RESYNC)
@@ -175,7 +175,8 @@ int udp_vvlan_ds_callback(kt_global *global, const kt_mom_msg *msg, void *user)
         return entry->rescan(global, msg, entry);
     if (msg->scan_state != KT_MOM_SCAN_OVER)
         return entry->change(global, msg, entry->field_tag);
-    const int rv = msg->object != nullptr ? entry->change(global, msg, entry->field_tag) : -1;
+    const int rv = msg->object != nullptr ? entry->change(global, msg, entry->field_tag)
+                                          : UDP_VVLAN_E_ARGUMENT;
     entry->scan_over(global, msg, entry);
     return rv;
 }

@@ -11,7 +11,7 @@
  *
  * Results: 0; -4 for a malformed message; -20 for an operation that the decoder
  * does not take (a warning, not an error); otherwise what a call that failed
- * returned.
+ * returned. A port notice without object is reported and yields 0.
  */
 #ifndef APP_PROC_UDP_VVLAN_EVENT_H
 #define APP_PROC_UDP_VVLAN_EVENT_H
@@ -33,7 +33,8 @@ int udp_vvlan_event_set_glb_cfg(kt_global *global, const kt_mom_msg *msg, uint32
 /*
  * A port's configuration (p_bridge.vvlan_port_cfg) was set or deleted. For a
  * port in automatic mode the daemon's own records of the port are first kept
- * from expiring.
+ * from expiring; when a call for that fails at first, its last repeat's result
+ * is returned, 0 included, and the configuration is not applied.
  */
 int udp_vvlan_event_set_port_cfg(kt_global *global, const kt_mom_msg *msg);
 

@@ -1,6 +1,5 @@
 #include "app/proc/udp_vvlan_handler.h"
 
-#include <algorithm>
 #include <cstring>
 
 #include "app/proc/udp_vvlan.h"
@@ -26,13 +25,12 @@ int set_glb_switch(const udp_vvlan_where &where, const PBridge__VvlanEn *glb_swi
 int set_glb_secu_mode(const udp_vvlan_where &where, uint32_t secu_mode);
 int set_glb_qos(const udp_vvlan_where &where, const PBridge__BQos *qos);
 
-udp_vvlan_mac_addr mac_of(const PLibpub__Mac *field);
+bool copy_mac(const PLibpub__Mac *field, udp_vvlan_mac_addr *mac);
 int add_oui(const udp_vvlan_where &where, const udp_vvlan_mac_addr *mac,
             const udp_vvlan_mac_addr *mask);
 int del_oui(const udp_vvlan_where &where, const udp_vvlan_mac_addr *mac,
             const udp_vvlan_mac_addr *mask);
 
-void set_flag(udp_vvlan_port_node *port, uint8_t flag, uint32_t on);
 udp_vvlan_port_node *add_port(uint32_t ifx);
 int set_port(const udp_vvlan_where &where, const PBridge__VvlanPortCfg *cfg);
 int del_port(const udp_vvlan_where &where, uint32_t ifx);
@@ -84,10 +82,11 @@ int udp_vvlan_handler_set_glb_cfg(uint32_t, const PBridge__VvlanGlbCfg *cfg, uin
 
 int udp_vvlan_handler_set_oui_cfg(uint32_t add, const PBridge__VvlanOuiCfg *cfg)
 {
-    if (cfg == nullptr || cfg->index == nullptr)
-        return UDP_VVLAN_E_MESSAGE; /* never an OUI of zeros, which would be everybody's */
-    const udp_vvlan_mac_addr mac = mac_of(cfg->index->mac);
-    const udp_vvlan_mac_addr mask = mac_of(cfg->index->mask);
+    udp_vvlan_mac_addr mac;
+    udp_vvlan_mac_addr mask;
+    if (cfg == nullptr || cfg->index == nullptr || !copy_mac(cfg->index->mac, &mac) ||
+        !copy_mac(cfg->index->mask, &mask))
+        return UDP_VVLAN_E_MESSAGE;
     UDP_VVLAN_LOG_INFO("set oui_cfg, add=%d !", add);
     return add != 0 ? add_oui(UDP_VVLAN_HERE, &mac, &mask) : del_oui(UDP_VVLAN_HERE, &mac, &mask);
 }
@@ -109,9 +108,8 @@ int udp_vvlan_handler_set_port_noti(uint32_t, const SBridge__VvlanPortNoty *noti
     if (get_ifx() != 0)
         return udp_vvlan_call_again(UDP_VVLAN_HERE, get_ifx);
 
-    constexpr uint8_t AUTOMATIC = UDP_VVLAN_PORT_VVLAN_EN | UDP_VVLAN_PORT_AUTO_MOD;
     udp_vvlan_port_node *port = udp_vvlan_port_find(ifx);
-    if (port == nullptr || (port->flags & AUTOMATIC) != AUTOMATIC)
+    if (port == nullptr || !udp_vvlan_port_is_auto(port))
         return 0;
     auto join = [&] { return udp_vvlan_port_join_vvlan(port, 1); };
     return join() == 0 ? 0 : udp_vvlan_call_again(UDP_VVLAN_HERE, join);
@@ -163,13 +161,13 @@ int set_glb_qos(const udp_vvlan_where &where, const PBridge__BQos *qos)
     return 0;
 }
 
-/* The first 6 bytes, whatever the length says; missing ones are zero. */
-udp_vvlan_mac_addr mac_of(const PLibpub__Mac *field)
+/* Takes the first 6 bytes; false when there are fewer. */
+bool copy_mac(const PLibpub__Mac *field, udp_vvlan_mac_addr *mac)
 {
-    udp_vvlan_mac_addr mac = {};
-    if (field != nullptr && field->data.data != nullptr)
-        std::memcpy(mac.bytes, field->data.data, std::min(field->data.len, sizeof mac.bytes));
-    return mac;
+    if (field == nullptr || field->data.len < sizeof mac->bytes)
+        return false;
+    std::memcpy(mac->bytes, field->data.data, sizeof mac->bytes);
+    return true;
 }
 
 int add_oui(const udp_vvlan_where &where, const udp_vvlan_mac_addr *mac,
@@ -200,12 +198,7 @@ int del_oui(const udp_vvlan_where &where, const udp_vvlan_mac_addr *mac,
     return 0;
 }
 
-void set_flag(udp_vvlan_port_node *port, uint8_t flag, uint32_t on)
-{
-    port->flags = static_cast<uint8_t>((on & 1) != 0 ? port->flags | flag : port->flags & ~flag);
-}
-
-/* A port is new until the bridge reports a voice MAC on it: joined, and quiet. */
+/* A new port counts as joined and silent until something says otherwise. */
 udp_vvlan_port_node *add_port(uint32_t ifx)
 {
     udp_vvlan_port_node key = {};
@@ -227,8 +220,8 @@ int set_port(const udp_vvlan_where &where, const PBridge__VvlanPortCfg *cfg)
         UDP_VVLAN_LOG_ERROR_AT(where, "Assert:node add fail, ifx=%d", ifx);
         return UDP_VVLAN_E_INSERT;
     }
-    set_flag(port, UDP_VVLAN_PORT_VVLAN_EN, cfg->enable);
-    set_flag(port, UDP_VVLAN_PORT_AUTO_MOD, cfg->mode);
+    udp_vvlan_port_set_flags(port, UDP_VVLAN_PORT_VVLAN_EN, (cfg->enable & 1) != 0);
+    udp_vvlan_port_set_flags(port, UDP_VVLAN_PORT_AUTO_MOD, (cfg->mode & 1) != 0);
     if (is_new) {
         auto get_phyid = [&] { return libddm_get_phyid_by_ifx(ifx, &port->phyid); };
         if (get_phyid() != 0)

@@ -34,7 +34,8 @@ int udp_vvlan_handler_set_glb_cfg(uint32_t operation, const PBridge__VvlanGlbCfg
 
 /*
  * Adds (add 1) or deletes (add 0) an OUI. MAC and mask are the first 6 bytes of
- * their fields; what is missing is taken as zero.
+ * their fields. An object that lacks one of them is refused with
+ * UDP_VVLAN_E_MESSAGE: a mask taken as zero would make everybody a voice device.
  */
 int udp_vvlan_handler_set_oui_cfg(uint32_t add, const PBridge__VvlanOuiCfg *cfg);
 

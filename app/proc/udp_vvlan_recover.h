@@ -25,7 +25,7 @@ int udp_vvlan_recover_init(void);
 
 /*
  * Writes (is_set not 0) or deletes the join object of `ifx`. Returns 0 or the
- * database's result. A failing call is made again, see udp_vvlan_repeat.
+ * database's result. A failing call is made again, see udp_vvlan_call_again().
  */
 int udp_vvlan_set_vvlan_join(uint32_t is_set, uint32_t ifx);
 

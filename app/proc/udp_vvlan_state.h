@@ -11,8 +11,8 @@
  * Which module owns (writes) which record is said beside it. Tables are bounded
  * by what the configuration and the bridge put into them: one port record per
  * configured port, one MAC record per voice MAC learnt, one OUI node per OUI,
- * of which the first 127 have an ACE id of their own; an allocation that fails
- * is logged and refused by the module that asked.
+ * of which the first 127 have an ACE id of their own. A record that cannot be
+ * allocated is refused by the module that asked for it.
  */
 #ifndef APP_PROC_UDP_VVLAN_STATE_H
 #define APP_PROC_UDP_VVLAN_STATE_H
@@ -37,7 +37,6 @@ enum { UDP_VVLAN_MOM_COUNT = 4 };
 
 /* The program's own result codes; any other nonzero result is a library's. */
 enum udp_vvlan_result {
-    UDP_VVLAN_OK = 0,
     UDP_VVLAN_NULL_RECORD = 4,    /* "pointer NULL!" */
     UDP_VVLAN_E_ARGUMENT = -1,    /* missing argument in the dispatcher */
     UDP_VVLAN_E_INSERT = -2,      /* an insert or a library object failed */

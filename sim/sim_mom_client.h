@@ -103,8 +103,8 @@ MomChangePtr mom_control(uint32_t operation, uint32_t scan_state);
 /* Operation 29 and scan state 2. */
 void mom_enqueue_start(const std::shared_ptr<MomSubscription> &subscription);
 /* Tells everyone who subscribes to the object. */
-void mom_notify(MomDatabase &db, size_t kind, const std::string &key, MomChangePtr change,
-                uint64_t created);
+void mom_notify(const MomDatabase &db, size_t kind, const std::string &key,
+                const MomChangePtr &change, uint64_t created);
 /* Drops what is under way, remembering what must not be lost. */
 void mom_drop_queue(MomConnection &connection);
 int mom_scan(MomConnection &connection, MomScan scan);

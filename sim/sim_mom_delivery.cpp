@@ -52,8 +52,8 @@ void mom_enqueue_start(const std::shared_ptr<MomSubscription> &subscription)
     mom_enqueue(subscription, mom_control(KT_MOM_NONE, KT_MOM_SCAN_START), false);
 }
 
-void mom_notify(MomDatabase &db, size_t kind, const std::string &key, MomChangePtr change,
-                uint64_t created)
+void mom_notify(const MomDatabase &db, size_t kind, const std::string &key,
+                const MomChangePtr &change, uint64_t created)
 {
     for (const auto &subscription : db.kinds[kind].subscriptions) {
         if (subscription->selector.selects(key, *change->object))

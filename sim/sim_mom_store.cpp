@@ -326,7 +326,7 @@ void merge_fields(MomRecord &record, const ProtobufCMessage &object,
     record.is_fieldwise = true;
 }
 
-/* Arguments by value where a listener's write could take them away. */
+/* Subscribers first: what a listener writes in answer comes behind. */
 void tell(MomDatabase &db, const MomAddress &at, MomChange change, uint64_t created)
 {
     const auto told = std::make_shared<const MomChange>(std::move(change));

@@ -34,6 +34,9 @@
  * other data. Scan state 4 asks for a new scan: the library's queue ran over
  * and it lost changes; a queue is bounded.
  *
+ * A deletion carries the object as it was last stored; its receiver may need
+ * more of it than the key.
+ *
  * Sections remove what a program no longer wants without a gap. Begin marks
  * every object that matches as pending expiry, except those that the calling
  * process has itself written since it started; setting an object, or

@@ -31,6 +31,8 @@ template <size_t Size> std::string ip_text(int family, const std::array<uint8_t,
 
 constexpr std::string_view FLAGS[] = {"forwarded", "dropped", "to-cpu", "tagged", "untagged"};
 constexpr std::string_view NUMBERS[] = {"vid", "cos", "prio", "dscp"};
+bool take_flag(Cursor &cursor, VerdictWords &wanted);
+bool take_value(Cursor &cursor, VerdictWords &wanted);
 bool word_matches(const std::string &word, uint64_t value, const Verdict &verdict);
 
 } // namespace
@@ -74,24 +76,9 @@ VerdictWords verdict_parse(Cursor &cursor)
 {
     VerdictWords wanted;
     do {
-        const size_t column = cursor.column();
-        bool taken = false;
-        for (const std::string_view flag : FLAGS) {
-            if ((taken = cursor.accept(flag))) {
-                wanted.words.emplace_back(flag, 0);
-                break;
-            }
-        }
-        for (const std::string_view name : NUMBERS) {
-            if (const auto value = cursor.accept_value(name)) {
-                wanted.words.emplace_back(
-                    name, text_number(*value, column + name.size() + 1, "a number", 4095));
-                taken = true;
-            }
-        }
-        if (!taken)
-            throw Refusal{column, "forwarded, dropped, to-cpu, tagged, untagged, vid=N, cos=N, "
-                                  "prio=N or dscp=N"};
+        if (!take_flag(cursor, wanted) && !take_value(cursor, wanted))
+            throw Refusal{cursor.column(), "forwarded, dropped, to-cpu, tagged, untagged, vid=N, "
+                                           "cos=N, prio=N or dscp=N"};
     } while (!cursor.at_end());
     return wanted;
 }
@@ -261,6 +248,29 @@ template <size_t Size> std::string ip_text(int family, const std::array<uint8_t,
     char text[INET6_ADDRSTRLEN] = "";
     inet_ntop(family, address.data(), text, sizeof text);
     return text;
+}
+
+bool take_flag(Cursor &cursor, VerdictWords &wanted)
+{
+    for (const std::string_view flag : FLAGS) {
+        if (cursor.accept(flag)) {
+            wanted.words.emplace_back(flag, 0);
+            return true;
+        }
+    }
+    return false;
+}
+
+bool take_value(Cursor &cursor, VerdictWords &wanted)
+{
+    for (const std::string_view name : NUMBERS) {
+        const size_t column = cursor.column() + name.size() + 1;
+        if (const auto value = cursor.accept_value(name)) {
+            wanted.words.emplace_back(name, text_number(*value, column, "a number", 4095));
+            return true;
+        }
+    }
+    return false;
 }
 
 bool word_matches(const std::string &word, uint64_t value, const Verdict &verdict)

@@ -1,7 +1,7 @@
 #include "sim/player_stage.h"
 
+#include <algorithm>
 #include <cinttypes>
-#include <csignal>
 #include <cstdio>
 
 #include "mom/kt_mom_peer.h"
@@ -21,6 +21,7 @@ namespace
 constexpr size_t TEXT_COLUMN = 23; /* where what happened begins */
 
 void print_line(Stage &stage, std::string_view who, std::string_view what);
+std::string without_addresses(std::string_view text);
 std::string time_text(Micros when);
 void tell_change(Stage &stage, uint32_t db, uint32_t operation, const ProtobufCMessage &object,
                  std::span<const uint32_t> fields);
@@ -100,12 +101,29 @@ void print_line(Stage &stage, std::string_view who, std::string_view what)
     std::string text = head;
     while (!what.empty()) {
         const size_t length = what.find('\n');
-        text += std::string(what.substr(0, length)) + '\n';
+        text += without_addresses(what.substr(0, length)) + '\n';
         what.remove_prefix(length == std::string_view::npos ? what.size() : length + 1);
         if (!what.empty())
             text += std::string(TEXT_COLUMN, ' ');
     }
     stage.print(text);
+}
+
+/*
+ * The daemon logs some addresses of its records, which are not the same in two
+ * runs. No other number that is printed has more than eight digits.
+ */
+std::string without_addresses(std::string_view text)
+{
+    constexpr std::string_view DIGITS = "0123456789abcdef";
+    std::string result;
+    for (size_t at; (at = text.find("0x")) != std::string_view::npos;) {
+        const size_t end = std::min(text.find_first_not_of(DIGITS, at + 2), text.size());
+        result += end - at > 10 ? std::string(text.substr(0, at)) + "0x(address)"
+                                : std::string(text.substr(0, end));
+        text.remove_prefix(end);
+    }
+    return result += text;
 }
 
 /* "1:02:03.456", without hours and minutes that are zero. */

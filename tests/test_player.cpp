@@ -1,0 +1,196 @@
+/*
+ * The scenario player: what it refuses and where, what a failed expectation
+ * says, and that a play depends on nothing but its input.
+ */
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <fstream>
+#include <string>
+
+#include "app/proc/udp_vvlan.h"
+#include "app/proc/udp_vvlan_state.h"
+#include "sim/player_capture.h"
+#include "sim/player_play.h"
+
+namespace
+{
+
+using testing::HasSubstr;
+using testing::Not;
+
+struct Played {
+    sim::PlayResult result;
+    std::string text;
+};
+
+sim::PlayOptions options_for(std::string &text)
+{
+    sim::PlayOptions options;
+    options.program = {"ox.vvlan.dp", udp_vvlan_main, udp_vvlan_state_reset};
+    options.print = [&text](std::string_view line) { text += line; };
+    return options;
+}
+
+Played play(const std::string &scenario, bool trace = false, int level = 1)
+{
+    sim::ScriptError error{};
+    const auto script = sim::script_parse("dir/a.scn", scenario, &error);
+    if (!script)
+        return {{}, sim::script_error_text("dir/a.scn", error)};
+    Played played{};
+    sim::PlayOptions options = options_for(played.text);
+    options.trace = trace;
+    options.level = level;
+    played.result = sim::script_play(*script, options);
+    return played;
+}
+
+/* "LINE:COLUMN: expected ...", or nothing for a scenario that is fine. */
+std::string refusal(const std::string &scenario)
+{
+    sim::ScriptError error{};
+    if (sim::script_parse("x", scenario, &error))
+        return "";
+    return sim::script_error_text("x", error).substr(2);
+}
+
+TEST(Parser, RefusesWithLineAndColumn)
+{
+    const struct {
+        const char *scenario;
+        const char *message;
+    } refused[] = {
+        {"start\n  fly away\n", "2:3: expected a command"},
+        {"5s start\n4s stop\n", "2:1: expected a time stamp that is not before"},
+        {"5parsec start", "1:1: expected a time stamp"},
+        {"start now", "1:7: expected the end of the line"},
+        {"set 5 p_bridge.vvlan_port_cfg index.ifx=1", "1:5: expected a database"},
+        {"set 4 p_bridge.vvlan index.ifx=1", "1:7: expected the full name of an object kind"},
+        {"set 4 p_bridge.vvlan_port_cfg index.ifx=1 enable=yes", "1:50: expected "},
+        {"frame 3 src=00:11:22:33:44:55", "1:7: expected the ifx of a port"},
+        {"port 3 phyid=1\nframe 3 dst=00:11:22:33:44:55", "2:9: expected a frame with src=MAC"},
+        {"port 3 phyid=1\nframe 3 src=00:11:22:33:44", "2:13: expected a MAC address"},
+        {"port 3 phyid=1\nframe 3 src=00:11:22:33:44:55 vid=4096", "2:35: expected a number up"},
+        {"port 3 phyid=1\nframe 3 src=00:11:22:33:44:55 dscp=4", "2:31: expected ipv4 A > B"},
+        {"port 3 phyid=1\nport 3 phyid=2", "2:6: expected a port that no earlier line"},
+        {"port 3 phyid=1\npcap 3 none.pcap", "2:8: expected a capture file that can be read"},
+        {"expect port 3 JIONED", "1:15: expected a word of the port's row"},
+        {"expect out tagged vid=x", "1:23: expected a number"},
+        {"expect log error \"open", "1:23: expected a closing double quote"},
+        {"expect process asleep", "1:16: expected running, stopped"},
+        {"always x port 3 AUTO", "1:8: expected a name and a colon"},
+        {"end x", "1:5: expected the name of an open watch"},
+        {"for n 1..3\nstart\n", "1:1: expected `done`"},
+        {"for n 3..1\ndone\n", "1:7: expected a range"},
+        {"for n 1..2\n  unplug ${m}\ndone\n", "2:12: expected the loop's variable"},
+        {"fault kt_mom_set nth=1 code=x", "1:29: expected a number"},
+        {"reconnect 4 type=0", "1:18: expected 1 (another instance)"},
+    };
+    for (const auto &each : refused)
+        EXPECT_THAT(refusal(each.scenario), testing::StartsWith(each.message)) << each.scenario;
+}
+
+TEST(Parser, TakesCommentsLoopsQuotesAndTimes)
+{
+    sim::ScriptError error{};
+    const auto script = sim::script_parse("x",
+                                          "# nothing\n"
+                                          "1m30s note a # b\n"
+                                          "+250ms file /etc/x \"a # \\\"b\\\"\"\n"
+                                          "for n 1..2\n"
+                                          "  +1s port ${n+10} phyid=0x${n:x} member=1,2\n"
+                                          "done\n"
+                                          "2h\n",
+                                          &error);
+    ASSERT_TRUE(script) << sim::script_error_text("x", error);
+    ASSERT_EQ(script->steps.size(), 5U);
+    EXPECT_EQ(script->steps[0].when, 90 * sim::SECOND);
+    EXPECT_EQ(script->steps[0].text, "note a ");
+    EXPECT_EQ(script->steps[1].text, "file /etc/x \"a # \\\"b\\\"\"");
+    EXPECT_EQ(script->steps[3].when, 92 * sim::SECOND + 250'000);
+    EXPECT_EQ(script->steps[3].text, "port 12 phyid=0x02 member=1,2");
+    EXPECT_EQ(script->steps[3].line, 5U);
+    EXPECT_EQ(script->steps[4].when, 7200 * sim::SECOND);
+}
+
+TEST(Parser, SaysWhatIsWrongWithTheFile)
+{
+    sim::ScriptError error{};
+    EXPECT_FALSE(sim::script_load("/nowhere/x.scn", &error));
+    EXPECT_EQ(sim::script_error_text("/nowhere/x.scn", error),
+              "/nowhere/x.scn: cannot be read: No such file or directory");
+    EXPECT_FALSE(sim::script_load("/", &error));
+    EXPECT_THAT(sim::script_error_text("/", error), HasSubstr("is a directory"));
+
+    std::string why;
+    EXPECT_FALSE(sim::capture_load("/dev/null", &why));
+    EXPECT_NE(why, "");
+}
+
+constexpr char CONFIGURED[] =
+    "port 3 phyid=7\n"
+    "let phone src=00:11:22:33:44:55 ipv4 10.0.0.2 > 10.0.0.1\n"
+    "start\n"
+    "set 4 p_bridge.vvlan_oui_cfg index.mac=00:11:22:00:00:00 index.mask=ff:ff:ff:00:00:00\n"
+    "hset 4 p_bridge.vvlan_glb_cfg glb_switch.vlan=100 glb_switch.enable=1\n"
+    "set 4 p_bridge.vvlan_port_cfg index.ifx=3 enable=1 mode=0\n"; /* 6 lines */
+
+TEST(Player, NamesTheLineOfAFailedExpectation)
+{
+    const struct {
+        const char *line; /* the 7th, must fail */
+        const char *found;
+    } failing[] = {
+        {"expect port 3 AUTO", "found: MANUAL"},
+        {"expect port 4 MANUAL", "found: the port has no record"},
+        {"expect no port 3 MANUAL", "found: MANUAL"},
+        {"expect object 8 u_bridge.vvlan_join index.ifx=3", "found: there is no such object"},
+        {"expect object 4 p_bridge.vvlan_port_cfg index.ifx=3 mode=1", "found: index.ifx=3 enable"},
+        {"expect count 8 u_bridge.vvlan_oui_cfg 2", "found: there are 1"},
+        {"expect switch 3 trapped", "found: "},
+        {"expect out tagged", "found: no frame has come in"},
+        {"expect probe 3 phone -> untagged", "found: forwarded, tagged vid=100"},
+        {"expect log error \"Assert\"", "found: there is no such line"},
+        {"expect process starts 2", "found: it was started 1 times"},
+        {"expect process exited 0", "found: it has not ended"},
+        {"never v: probe 3 phone -> vid=100", "found: forwarded, tagged vid=100"},
+        {"shell no-such-command", "found: "},
+    };
+    for (const auto &each : failing) {
+        const Played played = play(std::string(CONFIGURED) + each.line + "\n");
+        EXPECT_EQ(played.result.failed, 1U) << played.text;
+        EXPECT_THAT(played.text, HasSubstr("FAILED    dir/a.scn:7: ")) << each.line;
+        EXPECT_THAT(played.text, HasSubstr(each.found));
+    }
+}
+
+/* A watch sees a state that only stands between two jobs of the loop. */
+TEST(Player, WatchesBetweenJobs)
+{
+    const std::string change = "hset 4 p_bridge.vvlan_glb_cfg qos.cos=1 qos.dscp=2\n"
+                               "hset 4 p_bridge.vvlan_glb_cfg qos.cos=6 qos.dscp=46\n";
+    const std::string end = "end w\nexpect probe 3 phone -> cos=6\n";
+    const Played watched = play(CONFIGURED + ("always w: probe 3 phone -> cos=6\n" + change) + end);
+    EXPECT_EQ(watched.result.failed, 1U) << watched.text;
+    EXPECT_EQ(watched.result.passed, 1U) << watched.text;
+    EXPECT_THAT(watched.text, HasSubstr("dir/a.scn:7: always w"));
+    const Played holds = play(CONFIGURED + ("always w: probe 3 phone -> vid=100\n" + change) + end);
+    EXPECT_EQ(holds.result.failed, 0U) << holds.text;
+    EXPECT_THAT(holds.text, Not(HasSubstr("asked 0 times")));
+}
+
+TEST(Player, IsTheSameTwice)
+{
+    const std::string file = VVLAN_SOURCE_DIR "/sim/scenarios/restart.scn";
+    std::ifstream stream(file);
+    const std::string scenario{std::istreambuf_iterator<char>(stream), {}};
+    const Played first = play(scenario, true, 5);
+    EXPECT_EQ(first.result.failed, 0U);
+    EXPECT_GT(first.text.size(), 10'000U);
+    play("start\nexpect process stopped\n");
+    EXPECT_EQ(play(scenario, true, 5).text, first.text);
+}
+
+} // namespace

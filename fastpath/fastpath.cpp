@@ -45,14 +45,14 @@ template <typename T> bool read_action(const uint8_t *value, uint32_t max, std::
     return true;
 }
 
-struct FieldSpec {
+struct FieldShape {
     const char *name;
     uint32_t kind;
     uint32_t length;
     bool (*read)(const uint8_t *value, Ace *ace); /* false: out of range */
 };
 
-const std::array<FieldSpec, 8> FIELDS = {{
+const std::array<FieldShape, 8> FIELDS = {{
     {"src_mac", FP_UDP_FIELD_MATCH, 12,
      [](const uint8_t *v, Ace *ace) {
          ace->match.src_mac = {load<frame::Mac>(v), load<frame::Mac>(v + 6)};
@@ -83,12 +83,12 @@ const std::array<FieldSpec, 8> FIELDS = {{
      }},
 }};
 
-/* Index of the field's specification, or FIELDS.size() for a field that is not one. */
-size_t spec_index(const fp_udp_field &field)
+/* Index of the field among those there are; FIELDS.size() when it is none of them. */
+size_t shape_index(const fp_udp_field &field)
 {
-    const auto at = std::find_if(FIELDS.begin(), FIELDS.end(), [&field](const FieldSpec &spec) {
-        return std::strncmp(field.name, spec.name, sizeof field.name) == 0 &&
-               field.kind == spec.kind && field.length == spec.length;
+    const auto at = std::find_if(FIELDS.begin(), FIELDS.end(), [&field](const FieldShape &shape) {
+        return std::strncmp(field.name, shape.name, sizeof field.name) == 0 &&
+               field.kind == shape.kind && field.length == shape.length;
     });
     return static_cast<size_t>(at - FIELDS.begin());
 }
@@ -145,7 +145,7 @@ bool is_sync_name(std::string_view app_type)
 
 int field_check(const fp_udp_field &field)
 {
-    const size_t index = spec_index(field);
+    const size_t index = shape_index(field);
     Ace scratch;
     return index < FIELDS.size() && FIELDS[index].read(field.value, &scratch) ? 0 : -EINVAL;
 }
@@ -156,7 +156,7 @@ int ace_parse(uint64_t id, std::span<const fp_udp_field> fields, Ace *ace)
     parsed.id = id;
     std::array<bool, FIELDS.size()> seen{};
     for (const fp_udp_field &field : fields) {
-        const size_t index = spec_index(field);
+        const size_t index = shape_index(field);
         if (index == FIELDS.size() || seen[index] || !FIELDS[index].read(field.value, &parsed))
             return -EINVAL;
         seen[index] = true;

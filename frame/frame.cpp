@@ -139,7 +139,7 @@ const char *decode_ipv4(View *rest, Frame *frame)
         return "IPv4 header is cut off";
     if ((*rest)[0] >> 4 != 4)
         return "IPv4 version is not 4";
-    const size_t header_size = ((*rest)[0] & 15U) * 4;
+    const size_t header_size = size_t{(*rest)[0] & 15U} * 4;
     const size_t size = get16(*rest, 2);
     if (header_size < IPV4_SIZE || header_size > size)
         return "IPv4 header length is impossible";

@@ -123,6 +123,7 @@ TEST(Fastpath, ReplaceDeleteAndLimits)
     for (uint32_t phyid = 1; phyid <= fastpath::APPLICATIONS_MAX; phyid++)
         ASSERT_EQ(tables.apply_add(acl(TAG, 102), port(TAG, phyid)), 0);
     EXPECT_EQ(tables.apply_add(acl(TAG, 102), port(TAG, 0)), -ENOSPC);
+    EXPECT_EQ(tables.apply_add(acl(TAG, 102), port(TAG, 1)), 0) << "replaced, not counted again";
     EXPECT_EQ(tables.apply_del(acl(TAG, 102), port(TAG, 7)), 0);
     EXPECT_EQ(tables.apply_add(acl(TAG, 102), port(TAG, 0)), 0);
     EXPECT_EQ(tag_of(tables, 1, 5), 50);
@@ -164,6 +165,14 @@ TEST(Fastpath, RestartAndDeferredDestroy)
     tables.ace_del(acl(TAG, 102), 1);
     tables.acl_destroy(acl(TAG, 102));
     EXPECT_EQ(tag_of(tables, 1, 1), 100) << "what is left over stays unchanged";
+    const std::string before = tables.text();
+    for (int crash = 0; crash < 2; crash++) {
+        tables.ace_add(acl(TAG, 102), 1, Fields{source(1), tag(100)});
+        tables.new_life();
+        for (const Kind kind : {Kind::acl, Kind::ace, Kind::apply})
+            tables.sync_begin(kind, TAG);
+    }
+    EXPECT_EQ(tables.text(), before) << "a crash loop piles nothing up";
     EXPECT_EQ(tables.text(),
               "acl mac_vlan_app 102 kind=4 destroying\n"
               "  ace 1 left-over: src_mac=00:11:22:00:00:01/ff:ff:ff:00:00:ff -> "
@@ -281,70 +290,90 @@ struct Model {
     }
 };
 
+/* One random operation on both. */
+void step(Tables *tables, Model *model, std::mt19937 &random)
+{
+    const uint32_t id = 1 + random() % 2, phyid = random() % 2;
+    const uint64_t ace = random() % 3;
+    const auto last = static_cast<uint8_t>(random() % 3);
+    const int vid = static_cast<int>(random() % 4096);
+    const auto kind = static_cast<Kind>(random() % 3);
+    const fp_udp_acl name = acl(TAG, id);
+    const bool exists = model->acls.contains(id);
+    switch (random() % 18) {
+    case 0:
+        tables->new_life();
+        model->new_life();
+        break;
+    case 1:
+        tables->acl_destroy(name);
+        if (exists)
+            model->acls[id] = {false, false, true};
+        break;
+    case 2:
+    case 3:
+        tables->acl_create(name);
+        model->acls[id] = {exists && model->acls[id].left, true, false};
+        break;
+    case 4:
+        tables->sync_begin(kind, TAG);
+        model->sync[static_cast<size_t>(kind)] = true;
+        break;
+    case 5:
+        tables->sync_end(kind, TAG);
+        model->end(static_cast<size_t>(kind));
+        break;
+    case 6:
+    case 7:
+    case 17:
+        tables->ace_del(name, ace);
+        model->ace(id, ace, 0, -1);
+        break;
+    case 8:
+    case 16:
+        tables->apply_del(name, port(TAG, phyid));
+        model->apply(id, phyid, false);
+        break;
+    case 9:
+    case 10:
+        ASSERT_EQ(tables->apply_add(name, port(TAG, phyid)), exists ? 0 : -ENOENT);
+        if (exists)
+            model->apply(id, phyid, true);
+        break;
+    default:
+        ASSERT_EQ(tables->ace_add(name, ace, Fields{source(last), tag(static_cast<uint32_t>(vid))}),
+                  exists ? 0 : -ENOENT);
+        if (exists)
+            model->ace(id, ace, last, vid);
+    }
+    model->settle();
+}
+
+void compare(const Tables &tables, const Model &model)
+{
+    const std::string text = tables.text();
+    for (const auto &[each, state] : model.acls) {
+        const std::string line = "acl mac_vlan_app " + std::to_string(each) + " kind=4" +
+                                 (state.left && !state.current ? " left-over" : "") +
+                                 (state.destroying ? " destroying\n" : "\n");
+        ASSERT_NE(text.find(line), text.npos) << line << text;
+    }
+    for (uint32_t at = 0; at < 6; at++)
+        ASSERT_EQ(tag_of(tables, at % 2, static_cast<uint8_t>(at / 2)),
+                  model.tag_of(at % 2, static_cast<uint8_t>(at / 2)))
+            << text;
+    const auto acls = static_cast<size_t>(std::count(text.begin(), text.end(), 'k'));
+    ASSERT_EQ(acls, model.acls.size()) << text; /* one "kind" each, and no other k */
+}
+
 TEST(Fastpath, AgainstTheModel)
 {
     std::mt19937 random(3);
     Tables tables;
     Model model;
-    for (int round = 0; round < 60'000; round++) {
-        const uint32_t id = 1 + random() % 2, phyid = random() % 2;
-        const uint64_t ace = random() % 3;
-        const auto last = static_cast<uint8_t>(random() % 3);
-        const int vid = static_cast<int>(random() % 4096);
-        const auto kind = static_cast<Kind>(random() % 3);
-        const fp_udp_acl name = acl(TAG, id);
-        const bool exists = model.acls.contains(id);
-        switch (random() % 16) {
-        case 0:
-            tables.new_life();
-            model.new_life();
-            break;
-        case 1:
-            tables.acl_destroy(name);
-            if (exists)
-                model.acls[id] = {false, false, true};
-            break;
-        case 2:
-        case 3:
-            tables.acl_create(name);
-            model.acls[id] = {exists && model.acls[id].left, true, false};
-            break;
-        case 4:
-            tables.sync_begin(kind, TAG);
-            model.sync[static_cast<size_t>(kind)] = true;
-            break;
-        case 5:
-            tables.sync_end(kind, TAG);
-            model.end(static_cast<size_t>(kind));
-            break;
-        case 6:
-        case 7:
-            tables.ace_del(name, ace);
-            model.ace(id, ace, 0, -1);
-            break;
-        case 8:
-            tables.apply_del(name, port(TAG, phyid));
-            model.apply(id, phyid, false);
-            break;
-        case 9:
-        case 10:
-            ASSERT_EQ(tables.apply_add(name, port(TAG, phyid)), exists ? 0 : -ENOENT);
-            if (exists)
-                model.apply(id, phyid, true);
-            break;
-        default:
-            ASSERT_EQ(
-                tables.ace_add(name, ace, Fields{source(last), tag(static_cast<uint32_t>(vid))}),
-                exists ? 0 : -ENOENT);
-            if (exists)
-                model.ace(id, ace, last, vid);
-        }
-        model.settle();
-        for (uint32_t at = 0; at < 6; at++)
-            ASSERT_EQ(tag_of(tables, at % 2, static_cast<uint8_t>(at / 2)),
-                      model.tag_of(at % 2, static_cast<uint8_t>(at / 2)))
-                << round << '\n'
-                << tables.text();
+    for (int round = 0; round < 30'000 && !HasFatalFailure(); round++) {
+        step(&tables, &model, random);
+        compare(tables, model);
     }
 }
 

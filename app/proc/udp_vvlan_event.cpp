@@ -19,6 +19,13 @@ bool keep_vvlan_join(const udp_vvlan_where &where, kt_global *global, uint32_t i
 
 } // namespace
 
+const ProtobufCMessage *udp_vvlan_event_object(const kt_mom_msg *msg)
+{
+    if (msg->operation != KT_MOM_HSET || msg->object == nullptr)
+        return static_cast<const ProtobufCMessage *>(msg->object);
+    return static_cast<const kt_mom_hash *>(msg->object)->object;
+}
+
 int udp_vvlan_event_set_oui_cfg(kt_global *, const kt_mom_msg *msg)
 {
     if (!is_well_formed(UDP_VVLAN_HERE, msg))
@@ -81,7 +88,8 @@ int udp_vvlan_event_set_port_cfg(kt_global *global, const kt_mom_msg *msg)
         return UDP_VVLAN_E_MESSAGE;
     if (msg->scan_state == KT_MOM_SECTION_NOTE)
         return 0;
-    const auto *port_cfg = static_cast<const PBridge__VvlanPortCfg *>(msg->object);
+    const auto *port_cfg =
+        reinterpret_cast<const PBridge__VvlanPortCfg *>(udp_vvlan_event_object(msg));
     if (port_cfg == nullptr || port_cfg->index == nullptr) {
         UDP_VVLAN_LOG_ERROR("Assert:msg port_cfg param failed.");
         return UDP_VVLAN_E_MESSAGE;

@@ -20,6 +20,12 @@
 
 #include "platform/kt_mom.h"
 
+/*
+ * The message's object, also where a hash set carries it inside a record; NULL
+ * if there is none. For kinds that nobody should hash-set but somebody may.
+ */
+const ProtobufCMessage *udp_vvlan_event_object(const kt_mom_msg *msg);
+
 /* An OUI (p_bridge.vvlan_oui_cfg) was set or deleted. */
 int udp_vvlan_event_set_oui_cfg(kt_global *global, const kt_mom_msg *msg);
 

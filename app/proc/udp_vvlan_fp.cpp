@@ -280,14 +280,15 @@ int udp_vvlan_ensure_sec_acl(vvlan_acl *record, uint32_t add)
 
 int udp_vvlan_set_acl_exec(uint32_t add)
 {
+    int rv = 0;
     for (const acl_traits *acl : ACLS) {
-        const int rv = acl->ensure(acl->record, add);
-        if (rv != 0) {
+        rv = acl->ensure(acl->record, add);
+        if (rv != 0)
             UDP_VVLAN_LOG_ERROR(acl->exec_failed, rv);
-            return rv;
-        }
+        if (rv != 0 && acl == &COS)
+            break; /* without it the other two are of no use */
     }
-    return 0;
+    return rv;
 }
 
 int udp_vvlan_set_acl(uint32_t add)

@@ -57,7 +57,7 @@ int udp_vvlan_ensure_cos_acl(vvlan_acl *record, uint32_t add);
 int udp_vvlan_ensure_mvlan_acl(vvlan_acl *record, uint32_t add);
 int udp_vvlan_ensure_sec_acl(vvlan_acl *record, uint32_t add);
 
-/* Ensures all three. Returns 0 or the first failure. */
+/* Ensures all three; a failure of the cos ACL ends it. Returns the last result. */
 int udp_vvlan_set_acl_exec(uint32_t add);
 
 /* The same; a failure clears the global voice VLAN id and is returned. */

@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "app/proc/udp_vvlan.h"
+#include "app/proc/udp_vvlan_event.h"
 #include "app/proc/udp_vvlan_oui.h"
 #include "app/proc/udp_vvlan_port.h"
 
@@ -18,7 +19,6 @@ const UBridge__UdpL2addrBaseIndex NO_INDEX = U_BRIDGE__UDP_L2ADDR_BASE_INDEX__IN
 
 /* The key that selects every notification of the current voice VLAN. */
 struct noti_key {
-    PLibpub__Mac mac;
     UBridge__UdpL2addrBaseIndex index;
     UBridge__MacVidRegNoti noti;
 };
@@ -138,7 +138,8 @@ int udp_vvlan_event_set_mac_noti(kt_global *, const kt_mom_msg *msg, void *ifx_f
         udp_vvlan_port_foreach(udp_vvlan_port_mac);
         return 0;
     }
-    const auto *noti = static_cast<const UBridge__MacVidRegNoti *>(msg->object);
+    const auto *noti =
+        reinterpret_cast<const UBridge__MacVidRegNoti *>(udp_vvlan_event_object(msg));
     if (noti == nullptr) {
         UDP_VVLAN_LOG_ERROR("Assert:mac_noti is NULL.");
         return 0;

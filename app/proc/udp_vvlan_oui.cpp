@@ -222,6 +222,8 @@ void udp_vvlan_oui_set_db(const vvlan_oui *node, uint32_t add)
 int udp_vvlan_oui_foreach(int (*function)(vvlan_oui *, void *), void *argument)
 {
     for (udp_vvlan_link &head : vvlan_oui_table.buckets) {
+        if (head.next == nullptr)
+            continue; /* not initialised yet, and yet a dump may be asked for */
         for (udp_vvlan_link *link = head.next; link != &head; link = link->next) {
             const int rv = function(node_of(link), argument);
             if (rv != 0)

@@ -18,7 +18,7 @@
  *
  * The table itself has no limit, but ACE ids end at 127: further entries get
  * the id 0 and share one ACE, so 127 is the practical bound. udp_vvlan_oui_init()
- * comes before every other function.
+ * comes before every other function but udp_vvlan_oui_foreach().
  */
 #ifndef APP_PROC_UDP_VVLAN_OUI_H
 #define APP_PROC_UDP_VVLAN_OUI_H

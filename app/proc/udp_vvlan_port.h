@@ -18,7 +18,8 @@
  * configured port that does not fit into memory is refused.
  *
  * Every operation returns 0 on success and UDP_VVLAN_NULL_RECORD for a NULL
- * record where it says so; other results are a library's.
+ * record where it says so. Other results are a library's, UDP_VVLAN_E_WRITE,
+ * UDP_VVLAN_E_INSERT, or several of these OR-ed.
  */
 #ifndef APP_PROC_UDP_VVLAN_PORT_H
 #define APP_PROC_UDP_VVLAN_PORT_H

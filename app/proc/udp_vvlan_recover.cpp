@@ -3,6 +3,7 @@
 #include <cstdlib>
 
 #include "app/proc/udp_vvlan.h"
+#include "app/proc/udp_vvlan_event.h"
 #include "proto/u_bridge.pb-c.h"
 
 int udp_vvlan_recover_init(void)
@@ -10,7 +11,7 @@ int udp_vvlan_recover_init(void)
     if (udp_vvlan_recover_db == nullptr)
         udp_vvlan_recover_db = static_cast<udp_vvlan_recover_map_type *>(
             std::calloc(1, sizeof(udp_vvlan_recover_map_type)));
-    return 0;
+    return udp_vvlan_recover_db == nullptr ? UDP_VVLAN_E_INSERT : 0;
 }
 
 int udp_vvlan_set_vvlan_join(uint32_t is_set, uint32_t ifx)
@@ -54,7 +55,7 @@ int udp_vvlan_recover_vvlan_cfg(kt_global *, const kt_mom_msg *msg, void *)
         UDP_VVLAN_LOG_ERROR("Assert:MOM error is %d.\n", msg->error);
         return UDP_VVLAN_E_MESSAGE;
     }
-    const auto *join = static_cast<const UBridge__VvlanJoin *>(msg->object);
+    const auto *join = reinterpret_cast<const UBridge__VvlanJoin *>(udp_vvlan_event_object(msg));
     if (join == nullptr || join->index == nullptr) {
         UDP_VVLAN_LOG_ERROR("Assert:msg vvlan_join param failed.");
         return 0;

@@ -20,7 +20,7 @@
 #include "app/proc/udp_vvlan_state.h"
 #include "platform/kt_mom.h"
 
-/* Creates the empty table, unless there is one. Returns 0 always. */
+/* Creates the empty table, unless there is one. Returns 0 or, without memory, -2. */
 int udp_vvlan_recover_init(void);
 
 /*

@@ -118,7 +118,8 @@ std::string command_help()
 {
     std::string help = "    for NAME FIRST..LAST, then lines with ${NAME}, then done\n";
     for (const Command &command : COMMANDS)
-        help += std::string("    ") + command.name + " " + command.arguments + "\n";
+        help += std::string("    ") + command.name + (*command.arguments == '\0' ? "" : " ") +
+                command.arguments + "\n";
     return help;
 }
 

@@ -32,6 +32,8 @@ PlayResult script_play(const Script &script, const PlayOptions &options)
     set_up(stage, options);
     if (options.at_begin)
         options.at_begin();
+    if (!stage.quiet)
+        stage.print("Playing " + script.file + "\n");
     play_steps(stage);
     close_watches(stage);
     if (options.dump)

@@ -178,7 +178,7 @@ const char *writer_of(const ProtobufCMessage &object)
         if (kind == object.descriptor->name)
             return writer;
     }
-    return "daemon";
+    return process_is_running() ? "daemon" : "database"; /* whose leases end with it */
 }
 
 void tell_log(Stage &stage, const LogLine &line)

@@ -13,6 +13,7 @@
 #include <string>
 
 #include "app/proc/udp_vvlan.h"
+#include "app/proc/udp_vvlan_port.h"
 #include "sim/player_play.h"
 #include "sim/sim_call.h"
 #include "sim/sim_loop.h"
@@ -196,6 +197,41 @@ uint64_t sweep(const std::string &scenario, sim::Micros until)
         }
     }
     return plays;
+}
+
+/* The checker of the tables sees each kind of damage, and none where there is none. */
+TEST(Invariants, SeeDamage)
+{
+    std::string seen;
+    const auto see = [&seen](auto &value, auto damaged) {
+        const auto whole = value;
+        value = damaged;
+        seen += invariants::table_fault() + "|";
+        value = whole;
+    };
+    sim::PlayOptions options;
+    options.program = {"ox.vvlan.dp", udp_vvlan_main, udp_vvlan_state_reset};
+    options.print = [](std::string_view) {};
+    options.at_end = [&] {
+        udp_vvlan_port_node *port = udp_vvlan_port_find(3);
+        ASSERT_NE(port, nullptr);
+        auto *mac = reinterpret_cast<udp_vvlan_mac_node *>(
+            reinterpret_cast<char *>(port->mac_list.next) - offsetof(udp_vvlan_mac_node, link));
+        see(vvlan_ace_ids[0], uint8_t{6});
+        see(vvlan_oui_table.prefix_count[24], 2U);
+        see(mac->ifx, 4U);
+        see(mac->link.prev, &mac->link);
+        see(udp_vvlan_mac_map->size, 2U);
+        see(port->ifx, 4U);
+        seen += invariants::table_fault();
+    };
+    sim::script_play(actions_of("phone.scn", 20 * sim::SECOND), options);
+    EXPECT_EQ(seen, "ACE id 2 is taken without its OUI, or free with it|"
+                    "the counter of prefix length 24 is wrong|"
+                    "MACs: a MAC is in another port's list|"
+                    "ports: a list is torn|"
+                    "MACs: its size is not what a walk counts|"
+                    "ports: a record is not found by its key|");
 }
 
 TEST(Sweep, Phone)

@@ -14,9 +14,9 @@
 
 #include "app/proc/udp_vvlan.h"
 #include "app/proc/udp_vvlan_state.h"
-#include "sim/player_play.h"
 #include "sim/player_command.h"
 #include "sim/player_condition.h"
+#include "sim/player_play.h"
 
 namespace
 {

@@ -464,14 +464,17 @@ TEST_F(Core, OuisAreTakenByTheirFirstSixBytes)
     };
     const udp_vvlan_mac_addr mac = {{0x00, 0x11, 0x22, 0, 0, 0}};
     const udp_vvlan_mac_addr mask = {{0xff, 0xff, 0xff, 0, 0, 0}};
-    EXPECT_EQ(handle(1, "index.mac=0x001122 index.mask=0xffffff00000011"), 0);
+    EXPECT_EQ(handle(1, "index.mac=00:11:22:00:00:00 index.mask=0xffffff00000011"), 0);
     EXPECT_NE(udp_vvlan_oui_find(&mac, &mask), nullptr);
     EXPECT_EQ(handle(0, "index.mac=00:11:22:00:00:01 index.mask=ff:ff:ff:00:00:00"), -7);
     EXPECT_EQ(handle(0, "index.mac=00:11:22:00:00:00 index.mask=ff:ff:ff:00:00:00"), 0);
     EXPECT_EQ(udp_vvlan_oui_find(&mac, &mask), nullptr);
-    EXPECT_EQ(handle(1, ""), -4);
+    for (const char *lacking : {"", "index={}", "index.mac=00:11:22:00:00:00",
+                                "index.mac=0x001122 index.mask=ff:ff:ff:00:00:00"})
+        EXPECT_EQ(handle(1, lacking), -4) << lacking;
 
-    const auto cfg = make("p_bridge.vvlan_oui_cfg", "index.mac=00:11:22:00:00:00");
+    const auto cfg =
+        make("p_bridge.vvlan_oui_cfg", "index.mac=00:11:22:00:00:00 index.mask=ff:ff:ff:00:00:00");
     sim::fault_plan("malloc", 1, 0);
     const kt_mom_msg set = change(KT_MOM_SET, cfg.get());
     EXPECT_EQ(udp_vvlan_event_set_oui_cfg(udp_vvlan_global, &set), -11);

@@ -795,6 +795,7 @@ TEST_F(Tables, HashSetsOfWholeObjectsAreUnexpected)
     UBridge__UdpL2addrBaseIndex address = U_BRIDGE__UDP_L2ADDR_BASE_INDEX__INIT;
     UBridge__MacVidRegNoti noti = U_BRIDGE__MAC_VID_REG_NOTI__INIT;
     noti.index = &address;
+    address.t_type = 1; /* of no interest to the length check */
     kt_mom_hash hash = {};
     kt_mom_msg msg = {};
     msg.operation = KT_MOM_HSET;

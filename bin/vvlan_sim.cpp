@@ -98,7 +98,7 @@ std::string parse(int count, char **words, Arguments &arguments)
             arguments.file = word;
             continue;
         }
-        const std::string wrong = take_option(word, at + 1 < count ? words[at + 1] : "", arguments);
+        std::string wrong = take_option(word, at + 1 < count ? words[at + 1] : "", arguments);
         if (!wrong.empty())
             return wrong;
         at += word == "--level";

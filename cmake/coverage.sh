@@ -15,7 +15,8 @@ ctest --preset coverage --no-tests=error -j "$(nproc)" >build/coverage.txt || {
     cat build/coverage.txt
     exit 1
 }
-report=(gcovr --root . --object-directory build/coverage --filter app/proc/ --print-summary
-        --fail-under-line "$limit" --gcov-ignore-parse-errors)
-[ "${1:-}" != --missed ] || report+=(--txt)
-"${report[@]}" build/coverage/app
+if [ "${1:-}" = --missed ]; then
+    gcovr --root . --filter app/proc/ --gcov-ignore-parse-errors build/coverage/app
+fi
+gcovr --root . --filter app/proc/ --gcov-ignore-parse-errors --print-summary \
+    --fail-under-line "$limit" --output build/coverage.txt build/coverage/app

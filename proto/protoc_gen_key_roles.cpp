@@ -111,6 +111,7 @@ std::string fault_of(const pb::Descriptor &message)
 std::string roles_of(const pb::Descriptor &message)
 {
     std::vector<const pb::FieldDescriptor *> fields;
+    fields.reserve(static_cast<size_t>(message.field_count()));
     for (int i = 0; i < message.field_count(); i++)
         fields.push_back(message.field(i));
     std::sort(fields.begin(), fields.end(),

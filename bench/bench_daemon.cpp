@@ -247,7 +247,12 @@ BENCHMARK(noti_gone)->Name("daemon/noti/gone/65536")->UseManualTime();
 BENCHMARK(sync_first)->Name("daemon/sync_first")->Arg(6554)->Arg(65536)->UseManualTime();
 BENCHMARK(sync_again)->Name("daemon/sync_again")->Arg(6554)->Arg(65536)->UseManualTime();
 BENCHMARK(aging_tick)->Name("daemon/aging")->Arg(655)->Arg(6554)->Arg(65536)->UseManualTime();
-BENCHMARK(oui_delete)->Name("daemon/oui_delete")->Arg(6554)->Arg(65536)->UseManualTime();
+BENCHMARK(oui_delete)
+    ->Name("daemon/oui_delete")
+    ->Arg(6554)
+    ->Arg(65536)
+    ->UseManualTime()
+    ->Iterations(10);
 BENCHMARK(mac_bytes)->Name("daemon/bytes/mac")->UseManualTime()->Iterations(1);
 BENCHMARK(port_bytes)
     ->Name("daemon/bytes/port")

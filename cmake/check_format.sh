@@ -5,4 +5,4 @@ cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
 mode=(--dry-run -Werror)
 [ "${1:-}" != --fix ] || mode=(-i)
-git ls-files -z -- '*.cpp' '*.h' | xargs -0 -r clang-format "${mode[@]}"
+git -c safe.directory="*" ls-files -z -- '*.cpp' '*.h' | xargs -0 -r clang-format "${mode[@]}"

@@ -5,7 +5,9 @@
  * the ports it is applied to. All programming is asynchronous: an operation
  * returns at once, and its result comes later, from the event loop, through
  * the registered result callbacks, in the order of the calls. What an
- * operation returns says only whether the request was taken.
+ * operation returns says only whether the request was taken; one that was
+ * refused at once is told to the failed-callback, too, in its turn. What a
+ * callback returns is for the library's statistics.
  *
  * Rules that a program may rely on:
  *  - Adding an ACE or an application that exists replaces it. Deleting what is
@@ -86,7 +88,7 @@ typedef struct fp_udp_field {
 
 typedef struct fp_udp_field_list fp_udp_field_list;
 
-/* The field list of an ACE, with its two operations. */
+/* The field list of an ACE, with its two operations. A list takes at least eight fields. */
 struct fp_udp_field_list {
     /*
      * Builds one field. name, value: copied; length at most
@@ -127,7 +129,8 @@ static_assert(sizeof(fp_udp_acl_handler) == 8 * sizeof(void *), "eight callback 
  * The operations. Unless said otherwise each returns 0 when the request was
  * taken or a negative errno value when it was refused at once (-EINVAL for a
  * bad descriptor, -ENOSPC for a full queue or table). Descriptors are copied.
- * `app_type` is NUL-terminated, at most FP_UDP_APP_TYPE_SIZE - 1 bytes.
+ * `app_type` is NUL-terminated, at most FP_UDP_APP_TYPE_SIZE - 1 bytes. An ACE
+ * id is any 64-bit number. `acl_kind` of apply_add repeats the descriptor's.
  */
 typedef struct fp_udp_mgr_ops {
     int (*acl_create)(kt_global *global, const fp_udp_acl *acl);    /* slot 0 */

@@ -3,10 +3,10 @@
 
 packages_run="g++ cmake ninja-build pkg-config protobuf-c-compiler libprotobuf-c-dev
               protobuf-compiler libprotobuf-dev libprotoc-dev libpcap-dev"
-packages_test="$packages_run libgtest-dev libgmock-dev"
+packages_test="$packages_run libgtest-dev libgmock-dev git python3"
 packages_coverage="$packages_test gcovr"
 packages_bench="$packages_run libbenchmark-dev gnuplot-nox python3"
-packages_check="$packages_test git clang clang-format clang-tidy python3"
+packages_check="$packages_test clang clang-format clang-tidy"
 
 # Prints those of the named packages that are not installed.
 packages_missing() {

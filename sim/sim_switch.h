@@ -7,14 +7,14 @@
  *    u_bridge.vvlan_oui_cfg   db 8  OUIs to look for on trapped ports
  *    u_bridge.vvlan_port_cfg  db 8  ports whose voice traffic is trapped
  *    p_bridge.vvlan_glb_cfg   db 4  glb_switch: the voice VLAN, if enabled
- *    p_bridge.vvlan_port_auto db 4  enable 1: the port has joined it
+ *    p_bridge.vvlan_port_auto db 4  membership, enable 1: the port has joined it
  *    p_bridge.vvlan_port_cfg  db 4  enable 1, mode 0: the port is in it by hand
  *    u_bridge.mac_vid_reg     db 6  VLANs whose MACs are wanted
  * and answers with s_bridge.vvlan_port_noty (published to db 0, one for each
  * frame trapped) and u_bridge.mac_vid_reg_noti (db 6, one for each MAC learnt
  * in a wanted VLAN, gone with the MAC).
  *
- * Manual ports. Nobody writes a join record for a port in manual mode; the
+ * Manual ports. Nobody writes a membership for a port in manual mode; the
  * management plane puts such a port into the voice VLAN itself, together with
  * its configuration. The switch stands in for it and reads the configuration.
  *

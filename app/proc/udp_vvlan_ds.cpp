@@ -47,7 +47,7 @@ constexpr ds_kind DS_KINDS[] = {
 
 /*
  * A section over objects that the daemon writes itself. What the port logic
- * looks up in the same turn (join and auto records) must be marked at once;
+ * looks up in the same turn (join records and memberships) must be marked at once;
  * the others may be marked by the time of the next call.
  */
 struct ds_section {

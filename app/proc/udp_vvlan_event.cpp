@@ -12,10 +12,10 @@ constexpr uint32_t MODE_AUTO = 1;
 bool is_well_formed(const udp_vvlan_where &where, const kt_mom_msg *msg);
 int apply_hash(const udp_vvlan_where &where, const kt_mom_hash *hash, uint32_t field_tag);
 bool keep_auto_records(const udp_vvlan_where &where, kt_global *global, uint32_t ifx, int *rv);
-bool keep_port_auto(const udp_vvlan_where &where, kt_global *global, uint32_t ifx, int *rv);
-bool rewrite_port_auto(const udp_vvlan_where &where, kt_global *global,
-                       const PBridge__VvlanPortAuto *port_auto, int *rv);
-bool keep_vvlan_join(const udp_vvlan_where &where, kt_global *global, uint32_t ifx, int *rv);
+bool keep_membership(const udp_vvlan_where &where, kt_global *global, uint32_t ifx, int *rv);
+bool rewrite_membership(const udp_vvlan_where &where, kt_global *global,
+                        const PBridge__VvlanPortAuto *membership, int *rv);
+bool keep_join_record(const udp_vvlan_where &where, kt_global *global, uint32_t ifx, int *rv);
 
 } // namespace
 
@@ -176,37 +176,38 @@ int apply_hash(const udp_vvlan_where &where, const kt_mom_hash *hash, uint32_t f
  */
 bool keep_auto_records(const udp_vvlan_where &where, kt_global *global, uint32_t ifx, int *rv)
 {
-    return keep_port_auto(where, global, ifx, rv) && keep_vvlan_join(where, global, ifx, rv);
+    return keep_membership(where, global, ifx, rv) && keep_join_record(where, global, ifx, rv);
 }
 
-bool keep_port_auto(const udp_vvlan_where &where, kt_global *global, uint32_t ifx, int *rv)
+bool keep_membership(const udp_vvlan_where &where, kt_global *global, uint32_t ifx, int *rv)
 {
     PBridge__VvlanIndex index;
     p_bridge__vvlan_index__init(&index);
     index.ifx = ifx;
-    PBridge__VvlanPortAuto port_auto;
-    p_bridge__vvlan_port_auto__init(&port_auto);
-    port_auto.index = &index;
+    PBridge__VvlanPortAuto membership;
+    p_bridge__vvlan_port_auto__init(&membership);
+    membership.index = &index;
     UDP_VVLAN_LOG_INFO_AT(where, "port:%d is auto_mode, clear_expire for port_auto.", ifx);
     auto clear = [&] {
-        return kt_mom_clear_expire(global, UDP_VVLAN_CFG_DB, &port_auto.base, 0, 0);
+        return kt_mom_clear_expire(global, UDP_VVLAN_CFG_DB, &membership.base, 0, 0);
     };
     if (clear() != 0) {
         *rv = udp_vvlan_call_again(where, clear);
         return false;
     }
-    port_auto.enable = 1;
-    return rewrite_port_auto(where, global, &port_auto, rv);
+    membership.enable = 1;
+    return rewrite_membership(where, global, &membership, rv);
 }
 
-/* Writes the record again if it stands; what was fetched is given back in any case. */
-bool rewrite_port_auto(const udp_vvlan_where &where, kt_global *global,
-                       const PBridge__VvlanPortAuto *port_auto, int *rv)
+/* Writes the membership again if it stands; what was fetched is given back in any case. */
+bool rewrite_membership(const udp_vvlan_where &where, kt_global *global,
+                        const PBridge__VvlanPortAuto *membership, int *rv)
 {
     int status = 0;
-    ProtobufCMessage *stored = kt_mom_get_sync(global, UDP_VVLAN_CFG_DB, &port_auto->base, &status);
+    ProtobufCMessage *stored =
+        kt_mom_get_sync(global, UDP_VVLAN_CFG_DB, &membership->base, &status);
     auto write = [&] {
-        return kt_mom_set(udp_vvlan_global, UDP_VVLAN_CFG_DB, &port_auto->base, 0, 0);
+        return kt_mom_set(udp_vvlan_global, UDP_VVLAN_CFG_DB, &membership->base, 0, 0);
     };
     const bool failed = stored != nullptr && write() != 0;
     if (failed)
@@ -215,7 +216,7 @@ bool rewrite_port_auto(const udp_vvlan_where &where, kt_global *global,
     return !failed;
 }
 
-bool keep_vvlan_join(const udp_vvlan_where &where, kt_global *global, uint32_t ifx, int *rv)
+bool keep_join_record(const udp_vvlan_where &where, kt_global *global, uint32_t ifx, int *rv)
 {
     UBridge__VvlanIndex index;
     u_bridge__vvlan_index__init(&index);

@@ -38,7 +38,7 @@ int udp_vvlan_event_set_glb_cfg(kt_global *global, const kt_mom_msg *msg, uint32
 
 /*
  * A port's configuration (p_bridge.vvlan_port_cfg) was set or deleted. For a
- * port in automatic mode the daemon's own records of the port are first kept
+ * port in automatic mode the membership and the join record are first kept
  * from expiring; when a call for that fails at first, its last repeat's result
  * is returned, 0 included, and the configuration is not applied.
  */

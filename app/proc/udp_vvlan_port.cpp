@@ -46,7 +46,7 @@ int apply_sec(const udp_vvlan_port_node *port, uint32_t add)
 }
 
 int write_trap(uint32_t ifx, uint32_t add);
-int write_join(uint32_t ifx, uint32_t add);
+int write_membership(uint32_t ifx, uint32_t add);
 void record_join(uint32_t ifx, uint32_t add);
 bool is_kept_joined(const udp_vvlan_port_node *port);
 int treat_as_joined(udp_vvlan_port_node *port);
@@ -148,7 +148,7 @@ int udp_vvlan_port_remove_vvlan(udp_vvlan_port_node *port)
     udp_vvlan_port_clear_mac(port, 0);
     if (udp_vvlan_port_has(port, UDP_VVLAN_PORT_AUTO_MOD | UDP_VVLAN_PORT_AUTO_JOIN)) {
         udp_vvlan_port_set_flags(port, UDP_VVLAN_PORT_AUTO_JOIN, false);
-        const int rv = write_join(port->ifx, 0);
+        const int rv = write_membership(port->ifx, 0);
         record_join(port->ifx, 0);
         return rv;
     }
@@ -163,7 +163,7 @@ int udp_vvlan_port_join_vvlan(udp_vvlan_port_node *port, uint32_t add)
     udp_vvlan_port_set_flags(port, UDP_VVLAN_PORT_DENY_EN, add == 0);
     udp_vvlan_port_set_flags(port, UDP_VVLAN_PORT_AUTO_JOIN, add != 0);
     record_join(port->ifx, add);
-    const auto join = [port, add] { return write_join(port->ifx, add); };
+    const auto join = [port, add] { return write_membership(port->ifx, add); };
     if (join() != 0)
         return udp_vvlan_call_again(UDP_VVLAN_HERE, join);
     const auto trap = [port, add] { return udp_vvlan_port_set_trap(port, add == 0); };
@@ -303,7 +303,7 @@ int write_trap(uint32_t ifx, uint32_t add)
     return write(udp_vvlan_global, KT_MOM_UDP_DB, &record.base, 0, 0);
 }
 
-int write_join(uint32_t ifx, uint32_t add)
+int write_membership(uint32_t ifx, uint32_t add)
 {
     PBridge__VvlanIndex index;
     p_bridge__vvlan_index__init(&index);
@@ -316,7 +316,7 @@ int write_join(uint32_t ifx, uint32_t add)
     return write(udp_vvlan_global, UDP_VVLAN_CFG_DB, &record.base, 0, 0);
 }
 
-/* Notes for a later restart that the port is joined, or no longer is. */
+/* Keeps the join record, by which a later process knows that the port is joined, and its entry. */
 void record_join(uint32_t ifx, uint32_t add)
 {
     udp_vvlan_set_vvlan_join(add, ifx);

@@ -9,8 +9,10 @@
  *
  * Two objects per port tell the rest of the switch: the trap record
  * u_bridge.vvlan_port_cfg in the daemon's database (deny_en is 1), and the
- * join record p_bridge.vvlan_port_auto in the configuration database
- * (auto_join is 1 and the port is joined).
+ * membership p_bridge.vvlan_port_auto in the configuration database
+ * (auto_join is 1 and the port is joined). The membership is what puts the
+ * port into the voice VLAN; the join record, which udp_vvlan_recover keeps for
+ * the next start, is another object.
  *
  * Records live in the keyed hash map by ifx, so that they keep their address
  * while MACs are linked to them. Flags are set before the write that they
@@ -80,7 +82,7 @@ int udp_vvlan_port_remove_vvlan(udp_vvlan_port_node *port);
 
 /*
  * Joins the port to the voice VLAN (add 1) or takes it out (add 0): join
- * object, recovery, trap and ACLs. Returns at the first failure.
+ * record, membership, trap and ACLs. Returns at the first failure.
  */
 int udp_vvlan_port_join_vvlan(udp_vvlan_port_node *port, uint32_t add);
 

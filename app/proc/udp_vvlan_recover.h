@@ -1,14 +1,15 @@
 /*
  * udp_vvlan_recover - the join-recovery table.
  *
- * Which ports are joined is kept outside the process, as one
- * u_bridge.vvlan_join object a port in the daemon's database; the objects
- * outlive the process. They are read back at start and after each
+ * Which ports are joined is kept outside the process, as one join record,
+ * u_bridge.vvlan_join, a port in the daemon's database; the join records
+ * outlive the process. (They tell nobody else; what makes a port a member of
+ * the voice VLAN is its membership, see udp_vvlan_port.) They are read back at start and after each
  * reconnection into a table, keyed by ifx, which says of a port whether it was
  * joined before; such a port keeps its treatment while its configuration is
  * replayed. The table is a set: its records carry the key only.
  *
- * An entry exists for every object at the last scan, plus the ports joined
+ * An entry exists for every join record at the last scan, plus the ports joined
  * and minus those taken out since. Entries that do not fit into memory are
  * refused: such a port is trapped at the restart instead of kept.
  */
@@ -24,16 +25,16 @@
 int udp_vvlan_recover_init(void);
 
 /*
- * Writes (is_set not 0) or deletes the join object of `ifx`. Returns 0 or the
+ * Writes (is_set not 0) or deletes the join record of `ifx`. Returns 0 or the
  * database's result. A failing call is made again, see udp_vvlan_call_again().
  */
 int udp_vvlan_set_vvlan_join(uint32_t is_set, uint32_t ifx);
 
-/* Reads every join object into the table before it returns. Returns the scan's result. */
+/* Reads every join record into the table before it returns. Returns the scan's result. */
 int udp_vvlan_recover_ds_init(kt_global *global);
 
 /*
- * Takes one object of that scan over. Returns 0, UDP_VVLAN_E_MESSAGE for a bad
+ * Takes one join record of that scan over. Returns 0, UDP_VVLAN_E_MESSAGE for a bad
  * message, UDP_VVLAN_E_RECOVER when memory ran out, UDP_VVLAN_E_UNEXPECTED for
  * an operation that is neither set nor delete.
  */

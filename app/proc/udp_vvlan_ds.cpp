@@ -54,10 +54,10 @@ struct ds_section {
     const ProtobufCMessageDescriptor *descriptor;
     uint32_t db;
     bool is_sync;
-    const char *open_begin;
-    const char *open_failed;
-    const char *close_begin;
-    const char *close_failed;
+    const char *begin_text;
+    const char *begin_failed;
+    const char *end_text;
+    const char *end_failed;
 };
 
 constexpr ds_section DS_PORT_SECTIONS[] = {
@@ -107,10 +107,10 @@ void *user_data(const udp_vvlan_ds_entry *entry);
 int subscribe(kt_global *global, const ds_kind &kind);
 int scan(const udp_vvlan_where &where, kt_global *global, const ds_kind &kind,
          const udp_vvlan_ds_entry *entry);
-int open_sections(const udp_vvlan_where &where, kt_global *global,
-                  std::span<const ds_section> sections, const udp_vvlan_ds_entry *entry);
-int close_sections(const udp_vvlan_where &where, kt_global *global,
-                   std::span<const ds_section> sections);
+int begin_sections(const udp_vvlan_where &where, kt_global *global,
+                   std::span<const ds_section> sections, const udp_vvlan_ds_entry *entry);
+int end_sections(const udp_vvlan_where &where, kt_global *global,
+                 std::span<const ds_section> sections);
 int section_over(kt_global *global, const kt_mom_msg *msg, void *user);
 
 /* Table handlers beside those that the header declares. */
@@ -207,23 +207,23 @@ int udp_vvlan_ds_scan_port_noti(kt_global *global, const kt_mom_msg *,
 
 int udp_vvlan_ds_pexpire_port_cfg(kt_global *global)
 {
-    if (open_sections(UDP_VVLAN_HERE, global, DS_PORT_SECTIONS,
-                      &udp_vvlan_ds_table[UDP_VVLAN_DS_PORT_CFG]) == 0)
+    if (begin_sections(UDP_VVLAN_HERE, global, DS_PORT_SECTIONS,
+                       &udp_vvlan_ds_table[UDP_VVLAN_DS_PORT_CFG]) == 0)
         UDP_VVLAN_LOG_INFO("<ds> pexpire port_cfg and port_auto successfully.");
     return 0;
 }
 
 int udp_vvlan_ds_pexpire_oui_cfg(kt_global *global)
 {
-    if (open_sections(UDP_VVLAN_HERE, global, DS_OUI_SECTIONS,
-                      &udp_vvlan_ds_table[UDP_VVLAN_DS_OUI_CFG]) == 0)
+    if (begin_sections(UDP_VVLAN_HERE, global, DS_OUI_SECTIONS,
+                       &udp_vvlan_ds_table[UDP_VVLAN_DS_OUI_CFG]) == 0)
         UDP_VVLAN_LOG_INFO("<ds> pexpire oui_cfg successfully.");
     return 0;
 }
 
 int udp_vvlan_ds_del_pexpire_port_cfg(kt_global *global)
 {
-    if (close_sections(UDP_VVLAN_HERE, global, DS_PORT_SECTIONS) != 0)
+    if (end_sections(UDP_VVLAN_HERE, global, DS_PORT_SECTIONS) != 0)
         return 0;
     UDP_VVLAN_LOG_INFO("<ds> del pexpire port_cfg and port_auto successfully.");
     udp_vvlan_scan_over.port_cfg = 1;
@@ -233,7 +233,7 @@ int udp_vvlan_ds_del_pexpire_port_cfg(kt_global *global)
 
 int udp_vvlan_ds_del_pexpire_oui_cfg(kt_global *global)
 {
-    if (close_sections(UDP_VVLAN_HERE, global, DS_OUI_SECTIONS) != 0)
+    if (end_sections(UDP_VVLAN_HERE, global, DS_OUI_SECTIONS) != 0)
         return 0;
     UDP_VVLAN_LOG_INFO("<ds> del pexpire oui_cfg successfully.");
     udp_vvlan_scan_over.oui_cfg = 1;
@@ -301,13 +301,13 @@ int scan(const udp_vvlan_where &where, kt_global *global, const ds_kind &kind,
     return rv;
 }
 
-int open_sections(const udp_vvlan_where &where, kt_global *global,
-                  std::span<const ds_section> sections, const udp_vvlan_ds_entry *entry)
+int begin_sections(const udp_vvlan_where &where, kt_global *global,
+                   std::span<const ds_section> sections, const udp_vvlan_ds_entry *entry)
 {
     for (const ds_section &section : sections) {
         ds_empty empty;
         const ProtobufCMessage *all = empty_object(&empty, section.descriptor);
-        UDP_VVLAN_LOG_INFO_AT(where, "%s", section.open_begin);
+        UDP_VVLAN_LOG_INFO_AT(where, "%s", section.begin_text);
         const int rv =
             section.is_sync
                 ? kt_mom_dsbegin_sync(global, section.db, all, KT_MOM_MATCH_EXACT,
@@ -315,24 +315,24 @@ int open_sections(const udp_vvlan_where &where, kt_global *global,
                 : kt_mom_dsbegin(global, section.db, all, KT_MOM_MATCH_EXACT, UDP_VVLAN_DS_EXPIRE,
                                  udp_vvlan_ds_callback, user_data(entry));
         if (rv != 0) {
-            UDP_VVLAN_LOG_ERROR_AT(where, section.open_failed, rv);
+            UDP_VVLAN_LOG_ERROR_AT(where, section.begin_failed, rv);
             return rv;
         }
     }
     return 0;
 }
 
-int close_sections(const udp_vvlan_where &where, kt_global *global,
-                   std::span<const ds_section> sections)
+int end_sections(const udp_vvlan_where &where, kt_global *global,
+                 std::span<const ds_section> sections)
 {
     for (const ds_section &section : sections) {
         ds_empty empty;
         const ProtobufCMessage *all = empty_object(&empty, section.descriptor);
-        UDP_VVLAN_LOG_INFO_AT(where, "%s", section.close_begin);
+        UDP_VVLAN_LOG_INFO_AT(where, "%s", section.end_text);
         const int rv = kt_mom_dsend(global, section.db, all, KT_MOM_MATCH_EXACT,
                                     section.is_sync ? section_over : udp_vvlan_ds_callback);
         if (rv != 0) {
-            UDP_VVLAN_LOG_ERROR_AT(where, section.close_failed, rv);
+            UDP_VVLAN_LOG_ERROR_AT(where, section.end_failed, rv);
             return rv;
         }
     }

@@ -8,15 +8,15 @@
  * handler resynchronises, which one scans again, which one ends a scan and
  * which one takes a change.
  *
- * The cycle of a kind is: subscribed, resynchronise (ports and OUIs: open the
+ * The cycle of a kind is: subscribed, resynchronise (ports and OUIs: begin the
  * sections over the daemon's own objects, which marks them as stale until they
- * are written again), scan, its objects as changes, scan over (close the
+ * are written again), scan, its objects as changes, scan over (end the
  * sections, which deletes what is still stale; set the kind's scan-over flag),
  * then changes. When all four flags are set the fast path's first
  * synchronisation is over.
  *
  * The module holds no state and allocates nothing. A section that is never
- * closed ends by itself after UDP_VVLAN_DS_EXPIRE seconds.
+ * ended ends by itself after UDP_VVLAN_DS_EXPIRE seconds.
  */
 #ifndef APP_PROC_UDP_VVLAN_DS_H
 #define APP_PROC_UDP_VVLAN_DS_H
@@ -81,15 +81,15 @@ int udp_vvlan_ds_scan_port_noti(kt_global *global, const kt_mom_msg *msg,
                                 const udp_vvlan_ds_entry *entry);
 
 /*
- * Open the sections over the objects that the daemon derives from the port and
- * the OUI configuration. The port's three are opened in turn, and the first
- * that fails leaves the later ones unopened. Return 0; failures are logged.
+ * Begin the sections over the objects that the daemon derives from the port and
+ * the OUI configuration. The port's three are begun in turn, and the first
+ * that fails leaves the later ones out. Return 0; failures are logged.
  */
 int udp_vvlan_ds_pexpire_port_cfg(kt_global *global);
 int udp_vvlan_ds_pexpire_oui_cfg(kt_global *global);
 
 /*
- * Close them, in the same order. When every close succeeded, set the kind's
+ * End them, in the same order. When every one could be ended, set the kind's
  * scan-over flag and let the fast path know. Return 0; failures are logged.
  */
 int udp_vvlan_ds_del_pexpire_port_cfg(kt_global *global);

@@ -171,8 +171,8 @@ int apply_hash(const udp_vvlan_where &where, const kt_mom_hash *hash, uint32_t f
 
 /*
  * The port may be joined from before a restart; its records must outlive the
- * section that is open then. Returns true to go on, or false when a call failed
- * at first; *rv is then what to return, 0 if the call got through at last.
+ * section that has begun then. Returns true to go on, or false when a call
+ * failed at first; *rv is then what to return, 0 if it got through at last.
  */
 bool keep_auto_records(const udp_vvlan_where &where, kt_global *global, uint32_t ifx, int *rv)
 {

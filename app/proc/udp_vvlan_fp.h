@@ -29,7 +29,7 @@
 #include "app/proc/udp_vvlan_state.h"
 
 /*
- * Registers with the library under `module_name` and opens the sync of the
+ * Registers with the library under `module_name` and begins the sync of the
  * three ACLs. Returns 0, the library's result, or UDP_VVLAN_E_NO_CONTEXT when
  * there is no manager. Once per process.
  */
@@ -67,7 +67,7 @@ int udp_vvlan_set_acl(uint32_t add);
 void udp_vvlan_set_ace(uint32_t add);
 
 /*
- * Closes the sync of the three ACLs once all four initial scans are over; does
+ * Ends the sync of the three ACLs once all four initial scans are over; does
  * nothing before.
  */
 void udp_vvlan_fp_sync_end(kt_global *global);

@@ -34,7 +34,7 @@ struct udp_vvlan_where {
     size_t file_length;
     const char *func;
     size_t func_length;
-    long line; /* used only where the log statement stands in a header */
+    long line; /* read by the _FROM forms only */
 };
 
 /* The place that this is written at. Inside a lambda, __func__ is of no use: take it outside. */
@@ -49,7 +49,8 @@ struct udp_vvlan_where {
  * lets errors through, 2 warnings too, 4 progress, 5 everything. The _AT forms
  * take the function from their first argument, so that a helper which several
  * functions share logs under the name of the one that was called; the line is
- * the statement's own.
+ * the statement's own. The _FROM forms take the line, too, for a helper that
+ * does not stand in its callers' file.
  */
 #define UDP_VVLAN_LOG_ERROR(...) UDP_VVLAN_LOG_ERROR_AT(UDP_VVLAN_HERE, __VA_ARGS__)
 #define UDP_VVLAN_LOG_WARN(...) UDP_VVLAN_LOG_WARN_AT(UDP_VVLAN_HERE, __VA_ARGS__)
@@ -64,6 +65,11 @@ struct udp_vvlan_where {
     UDP_VVLAN_LOG_ABOVE(3, KTDF_ZLOG_LV_INFO, where, __VA_ARGS__)
 #define UDP_VVLAN_LOG_DEBUG_AT(where, ...)                                                         \
     UDP_VVLAN_LOG_ABOVE(4, KTDF_ZLOG_LV_DEBUG, where, __VA_ARGS__)
+
+#define UDP_VVLAN_LOG_ERROR_FROM(where, ...)                                                       \
+    UDP_VVLAN_LOG_LINE_ABOVE(0, KTDF_ZLOG_LV_ERROR, where, (where).line, __VA_ARGS__)
+#define UDP_VVLAN_LOG_WARN_FROM(where, ...)                                                        \
+    UDP_VVLAN_LOG_LINE_ABOVE(1, KTDF_ZLOG_LV_WARN, where, (where).line, __VA_ARGS__)
 
 /* What the forms above are made of; not for use by itself. */
 #define UDP_VVLAN_LOG_ABOVE(debug_level, level, where, ...)                                        \
@@ -97,7 +103,7 @@ void udp_vvlan_log_write(const udp_vvlan_where &where, long line, int level, con
  */
 template <typename Call> int udp_vvlan_call_again(const udp_vvlan_where &where, Call call)
 {
-    UDP_VVLAN_LOG_LINE_ABOVE(1, KTDF_ZLOG_LV_WARN, where, where.line, "rv = %d", call());
+    UDP_VVLAN_LOG_WARN_FROM(where, "rv = %d", call());
     return call();
 }
 

@@ -9,7 +9,6 @@ namespace
 
 constexpr uint32_t MODE_AUTO = 1;
 
-bool is_well_formed(const udp_vvlan_where &where, const kt_mom_msg *msg);
 int apply_hash(const udp_vvlan_where &where, const kt_mom_hash *hash, uint32_t field_tag);
 bool keep_auto_records(const udp_vvlan_where &where, kt_global *global, uint32_t ifx, int *rv);
 bool keep_membership(const udp_vvlan_where &where, kt_global *global, uint32_t ifx, int *rv);
@@ -18,6 +17,19 @@ bool rewrite_membership(const udp_vvlan_where &where, kt_global *global,
 bool keep_join_record(const udp_vvlan_where &where, kt_global *global, uint32_t ifx, int *rv);
 
 } // namespace
+
+int udp_vvlan_event_check(const udp_vvlan_where &where, const kt_mom_msg *msg)
+{
+    if (msg == nullptr) {
+        UDP_VVLAN_LOG_ERROR_FROM(where, "Assert:MOM msg is NULL.\n");
+        return UDP_VVLAN_E_MESSAGE;
+    }
+    if (msg->error != 0) {
+        UDP_VVLAN_LOG_ERROR_FROM(where, "Assert:MOM error is %d.\n", msg->error);
+        return UDP_VVLAN_E_MESSAGE;
+    }
+    return 0;
+}
 
 const ProtobufCMessage *udp_vvlan_event_object(const kt_mom_msg *msg)
 {
@@ -28,7 +40,7 @@ const ProtobufCMessage *udp_vvlan_event_object(const kt_mom_msg *msg)
 
 int udp_vvlan_event_set_oui_cfg(kt_global *, const kt_mom_msg *msg)
 {
-    if (!is_well_formed(UDP_VVLAN_HERE, msg))
+    if (udp_vvlan_event_check(UDP_VVLAN_HERE, msg) != 0)
         return UDP_VVLAN_E_MESSAGE;
     const auto *oui_cfg = static_cast<const PBridge__VvlanOuiCfg *>(msg->object);
     int rv = 0;
@@ -54,7 +66,7 @@ int udp_vvlan_event_set_oui_cfg(kt_global *, const kt_mom_msg *msg)
 
 int udp_vvlan_event_set_glb_cfg(kt_global *, const kt_mom_msg *msg, uint32_t field_tag)
 {
-    if (!is_well_formed(UDP_VVLAN_HERE, msg))
+    if (udp_vvlan_event_check(UDP_VVLAN_HERE, msg) != 0)
         return UDP_VVLAN_E_MESSAGE;
     if (field_tag == 0) {
         UDP_VVLAN_LOG_ERROR("Assert:MOM args is NULL.\n");
@@ -84,7 +96,7 @@ int udp_vvlan_event_set_glb_cfg(kt_global *, const kt_mom_msg *msg, uint32_t fie
 
 int udp_vvlan_event_set_port_cfg(kt_global *global, const kt_mom_msg *msg)
 {
-    if (!is_well_formed(UDP_VVLAN_HERE, msg))
+    if (udp_vvlan_event_check(UDP_VVLAN_HERE, msg) != 0)
         return UDP_VVLAN_E_MESSAGE;
     if (msg->scan_state == KT_MOM_SECTION_NOTE)
         return 0;
@@ -120,7 +132,7 @@ int udp_vvlan_event_set_port_cfg(kt_global *global, const kt_mom_msg *msg)
 
 int udp_vvlan_event_set_port_noti(kt_global *, const kt_mom_msg *msg)
 {
-    if (!is_well_formed(UDP_VVLAN_HERE, msg))
+    if (udp_vvlan_event_check(UDP_VVLAN_HERE, msg) != 0)
         return UDP_VVLAN_E_MESSAGE;
     const auto *port_noty = static_cast<const SBridge__VvlanPortNoty *>(msg->object);
     if (port_noty == nullptr) {
@@ -143,19 +155,6 @@ int udp_vvlan_event_set_port_noti(kt_global *, const kt_mom_msg *msg)
 
 namespace
 {
-
-bool is_well_formed(const udp_vvlan_where &where, const kt_mom_msg *msg)
-{
-    if (msg == nullptr) {
-        UDP_VVLAN_LOG_ERROR_AT(where, "Assert:MOM msg is NULL.\n");
-        return false;
-    }
-    if (msg->error != 0) {
-        UDP_VVLAN_LOG_ERROR_AT(where, "Assert:MOM error is %d.\n", msg->error);
-        return false;
-    }
-    return true;
-}
 
 /* Applies the one field of this subscription, if it is among those that were set. */
 int apply_hash(const udp_vvlan_where &where, const kt_mom_hash *hash, uint32_t field_tag)

@@ -18,7 +18,15 @@
 
 #include <cstdint>
 
+#include "app/proc/udp_vvlan.h"
 #include "platform/kt_mom.h"
+
+/*
+ * Whether there is a message and it reports no failure. `where` is the
+ * callback that got it, whose log lines the complaints are. Returns 0 or
+ * UDP_VVLAN_E_MESSAGE.
+ */
+int udp_vvlan_event_check(const udp_vvlan_where &where, const kt_mom_msg *msg);
 
 /*
  * The message's object, also where a hash set carries it inside a record; NULL

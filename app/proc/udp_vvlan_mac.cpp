@@ -124,14 +124,8 @@ int udp_vvlan_mac_subscribe_callback(kt_global *global, const kt_mom_msg *msg, v
 
 int udp_vvlan_event_set_mac_noti(kt_global *, const kt_mom_msg *msg, void *ifx_filter)
 {
-    if (msg == nullptr) {
-        UDP_VVLAN_LOG_ERROR("Assert:MOM msg is NULL.\n");
+    if (udp_vvlan_event_check(UDP_VVLAN_HERE, msg) != 0)
         return UDP_VVLAN_E_MESSAGE;
-    }
-    if (msg->error != 0) {
-        UDP_VVLAN_LOG_ERROR("Assert:MOM error is %d.\n", msg->error);
-        return UDP_VVLAN_E_MESSAGE;
-    }
     UDP_VVLAN_LOG_INFO("set_mac_noti: %d", msg->scan_state);
     if (msg->scan_state == KT_MOM_SCAN_OVER) {
         UDP_VVLAN_LOG_INFO("receive a KT_MOM_SCAN_OVER event: %d", msg->scan_state);

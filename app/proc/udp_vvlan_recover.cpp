@@ -47,14 +47,8 @@ int udp_vvlan_recover_ds_init(kt_global *global)
 
 int udp_vvlan_recover_vvlan_cfg(kt_global *, const kt_mom_msg *msg, void *)
 {
-    if (msg == nullptr) {
-        UDP_VVLAN_LOG_ERROR("Assert:MOM msg is NULL.\n");
+    if (udp_vvlan_event_check(UDP_VVLAN_HERE, msg) != 0)
         return UDP_VVLAN_E_MESSAGE;
-    }
-    if (msg->error != 0) {
-        UDP_VVLAN_LOG_ERROR("Assert:MOM error is %d.\n", msg->error);
-        return UDP_VVLAN_E_MESSAGE;
-    }
     const auto *join = reinterpret_cast<const UBridge__VvlanJoin *>(udp_vvlan_event_object(msg));
     if (join == nullptr || join->index == nullptr) {
         UDP_VVLAN_LOG_ERROR("Assert:msg vvlan_join param failed.");

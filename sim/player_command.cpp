@@ -211,14 +211,14 @@ Run parse_kill(Cursor &cursor, CommandContext &)
 
 Run parse_set(Cursor &cursor, CommandContext &)
 {
-    return [object = object_parse(cursor)](Stage &stage) {
+    return [object = object_parse(cursor, ObjectUse::set_whole)](Stage &stage) {
         want_success(stage, "set", kt_mom_set(mom_peer(), object.db, object.message.get(), 0, 0));
     };
 }
 
 Run parse_hset(Cursor &cursor, CommandContext &)
 {
-    return [object = object_parse(cursor)](Stage &stage) {
+    return [object = object_parse(cursor, ObjectUse::set_fields)](Stage &stage) {
         want_success(stage, "hset",
                      kt_mom_hset(mom_peer(), object.db, object.message.get(), object.fields.data(),
                                  static_cast<uint32_t>(object.fields.size())));

@@ -108,22 +108,18 @@ Condition parse_object(Cursor &cursor, const FrameNames &)
         const object::Message stored = mom_get(wanted.db, *wanted.message);
         if (stored == nullptr)
             return Outcome{false, "there is no such object"};
-        const object::Message with_wanted = object::copy(*stored);
-        object::merge(*with_wanted, *wanted.message, wanted.fields);
-        return Outcome{object::equal(*stored, *with_wanted), object::to_text(*stored)};
+        return Outcome{object_has(*stored, wanted), object::to_text(*stored)};
     };
 }
 
 Condition parse_count(Cursor &cursor, const FrameNames &)
 {
-    const uint32_t db = object_db_parse(cursor);
-    const object::Kind *kind = object_kind_parse(cursor);
+    const ObjectKind asked = object_kind_parse(cursor);
     const uint64_t wanted = cursor.number("how many");
-    return [db, kind, wanted](const Stage &) {
+    return [asked, wanted](const Stage &) {
         uint64_t found = 0;
-        mom_each(db, [&](const object::Kind &each, const ProtobufCMessage &, const MomMeta &) {
-            found += &each == kind;
-        });
+        mom_each(asked.db, [&](const object::Kind &each, const ProtobufCMessage &,
+                               const MomMeta &) { found += &each == asked.kind; });
         return Outcome{found == wanted, "there are " + std::to_string(found)};
     };
 }

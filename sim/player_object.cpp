@@ -1,6 +1,13 @@
 #include "sim/player_object.h"
 
+#include <algorithm>
+#include <functional>
+#include <map>
+#include <span>
+#include <string_view>
+
 #include "platform/kt_mom.h"
+#include "proto/key_role.h"
 
 namespace sim
 {
@@ -8,49 +15,74 @@ namespace sim
 namespace
 {
 
-struct ChangeWords {
+constexpr uint32_t KEY_FIELD = 5;
+
+/* What the player knows of a kind; in the texts {field} stands for its value. */
+struct KindWords {
     const char *kind;
-    const char *set; /* {field} stands for the value of that field */
+    uint32_t db; /* where its objects are */
+    const char *set;
     const char *del;
 };
 
-constexpr ChangeWords WORDS[] = {
-    {"p_bridge.vvlan_glb_cfg", "the global settings change", "the global settings are deleted"},
-    {"p_bridge.vvlan_oui_cfg", "an OUI is configured", "an OUI is no longer configured"},
-    {"p_bridge.vvlan_port_cfg", "port {index.ifx} is configured",
+constexpr KindWords WORDS[] = {
+    {"p_bridge.vvlan_glb_cfg", 4, "the global settings change", "the global settings are deleted"},
+    {"p_bridge.vvlan_oui_cfg", 4, "an OUI is configured", "an OUI is no longer configured"},
+    {"p_bridge.vvlan_port_cfg", 4, "port {index.ifx} is configured",
      "port {index.ifx} is no longer configured"},
-    {"p_bridge.vvlan_port_auto", "port {index.ifx} joins the voice VLAN",
+    {"p_bridge.vvlan_port_auto", 4, "port {index.ifx} joins the voice VLAN",
      "port {index.ifx} leaves the voice VLAN"},
-    {"p_bridge.vvlan_err_event", "a failure is reported", "a failure report is deleted"},
-    {"s_bridge.vvlan_port_noty", "a voice device is seen", "a notice is deleted"},
-    {"u_bridge.mac_vid_reg_noti", "{index.t_mac} is learnt on port {port_id}",
+    {"p_bridge.vvlan_err_event", 4, "a failure is reported", "a failure report is deleted"},
+    {"s_bridge.vvlan_port_noty", 0, "a voice device is seen", "a notice is deleted"},
+    {"u_bridge.mac_vid_reg_noti", 6, "{index.t_mac} is learnt on port {port_id}",
      "{index.t_mac} is gone from port {port_id}"},
-    {"u_bridge.vvlan_oui_cfg", "the OUI gets ACE id {index.ace_id}",
+    {"u_bridge.vvlan_oui_cfg", 8, "the OUI gets ACE id {index.ace_id}",
      "ACE id {index.ace_id} is given back"},
-    {"u_bridge.vvlan_port_cfg", "port {index.ifx} is trapped", "the trap of port {index.ifx} goes"},
-    {"u_bridge.vvlan_join", "port {index.ifx} is recorded as joined",
+    {"u_bridge.vvlan_port_cfg", 8, "port {index.ifx} is trapped",
+     "the trap of port {index.ifx} goes"},
+    {"u_bridge.vvlan_join", 8, "port {index.ifx} is recorded as joined",
      "port {index.ifx}'s join record goes"},
-    {"u_bridge.mac_vid_reg", "MACs of VLAN {index.vid} are wanted",
+    {"u_bridge.mac_vid_reg", 6, "MACs of VLAN {index.vid} are wanted",
      "MACs of VLAN {index.vid} are not wanted"},
-    {"s_cluster.reg_pkt_info", "the packet plug-in is registered", "the packet plug-in goes"},
+    {"s_cluster.reg_pkt_info", 0, "the packet plug-in is registered", "the packet plug-in goes"},
 };
 
-/* The value of a field as object::to_text() writes it; empty when it is left out there. */
-std::string field_text(const std::string &text, const std::string &field);
+/* The one kind whose fields are set and told one by one. */
+constexpr std::string_view FIELDWISE = "p_bridge.vvlan_glb_cfg";
+
+using Values = std::map<std::string, std::string, std::less<>>; /* "qos.cos" to "6" */
+
+const KindWords *words_of(std::string_view kind);
+ObjectKind kind_in(Cursor &cursor, uint32_t db, size_t db_column);
+void check_use(const ObjectText &object, const object::Kind &kind, ObjectUse use, size_t column);
+std::vector<std::string> key_paths(const object::Kind &kind);
+Values values_of(std::string_view text);
+std::string value_at(const Values &values, std::string_view path);
 
 } // namespace
 
-ObjectText object_parse(Cursor &cursor)
+ObjectText object_parse(Cursor &cursor, ObjectUse use)
 {
-    ObjectText result;
-    result.db = object_db_parse(cursor);
-    const object::Kind *kind = object_kind_parse(cursor);
+    const size_t db_column = cursor.column();
+    const uint32_t db = object_db_parse(cursor);
+    const size_t kind_column = cursor.column();
+    const object::Kind *kind = kind_in(cursor, db, db_column).kind;
+    if (use == ObjectUse::set_whole && object::kind_name(*kind) == FIELDWISE)
+        throw Refusal{kind_column, "`hset` for p_bridge.vvlan_glb_cfg, which is stored field by "
+                                   "field"};
     const size_t column = cursor.column();
+    const std::string text(cursor.rest());
+    ObjectText result{db, nullptr, {}, {}};
     object::TextError error{};
-    object::Message message = object::from_text(*kind, cursor.rest(), &result.fields, &error);
+    object::Message message = object::from_text(*kind, text, &result.fields, &error);
     if (message == nullptr)
         throw Refusal{column + error.column - 1, error.expected};
     result.message = std::shared_ptr<const ProtobufCMessage>(std::move(message));
+    if (object::kind_is_keyed(*kind))
+        std::erase(result.fields, KEY_FIELD);
+    for (const auto &[path, value] : values_of(text))
+        result.paths.push_back(path);
+    check_use(result, *kind, use, column);
     return result;
 }
 
@@ -63,43 +95,113 @@ uint32_t object_db_parse(Cursor &cursor)
     return static_cast<uint32_t>(db);
 }
 
-const object::Kind *object_kind_parse(Cursor &cursor)
+ObjectKind object_kind_parse(Cursor &cursor)
 {
-    constexpr const char *KIND = "the full name of an object kind, such as p_bridge.vvlan_port_cfg";
     const size_t column = cursor.column();
-    const object::Kind *kind = object::kind_by_name(cursor.word(KIND));
-    if (kind == nullptr)
-        throw Refusal{column, KIND};
-    return kind;
+    const uint32_t db = object_db_parse(cursor);
+    return kind_in(cursor, db, column);
+}
+
+bool object_has(const ProtobufCMessage &stored, const ObjectText &wanted)
+{
+    const Values there = values_of(object::to_text(stored));
+    const Values asked = values_of(object::to_text(*wanted.message));
+    return std::ranges::all_of(wanted.paths, [&there, &asked](const std::string &path) {
+        return value_at(there, path) == value_at(asked, path);
+    });
 }
 
 std::string object_change_words(uint32_t operation, const ProtobufCMessage &message)
 {
-    for (const ChangeWords &words : WORDS) {
-        if (std::string_view(message.descriptor->name) != words.kind)
-            continue;
-        const std::string values = object::to_text(message);
-        std::string text = operation == KT_MOM_DEL ? words.del : words.set;
-        for (size_t open; (open = text.find('{')) != std::string::npos;) {
-            const size_t close = text.find('}', open);
-            const std::string field = text.substr(open + 1, close - open - 1);
-            text.replace(open, close - open + 1, field_text(values, field));
-        }
-        return text;
+    const KindWords *words = words_of(message.descriptor->name);
+    if (words == nullptr)
+        return {};
+    const Values values = values_of(object::to_text(message));
+    std::string text = operation == KT_MOM_DEL ? words->del : words->set;
+    for (size_t open; (open = text.find('{')) != std::string::npos;) {
+        const size_t close = text.find('}', open);
+        const std::string field = text.substr(open + 1, close - open - 1);
+        text.replace(open, close - open + 1, value_at(values, field));
     }
-    return {};
+    return text;
 }
 
 namespace
 {
 
-std::string field_text(const std::string &text, const std::string &field)
+const KindWords *words_of(std::string_view kind)
 {
-    const size_t at = (" " + text).find(" " + field + "=");
-    if (at == std::string::npos)
-        return {};
-    const size_t from = at + field.size() + 1;
-    return text.substr(from, text.find(' ', from) - from);
+    const auto *words = std::ranges::find(WORDS, kind, &KindWords::kind);
+    return words == std::end(WORDS) ? nullptr : words;
+}
+
+ObjectKind kind_in(Cursor &cursor, uint32_t db, size_t db_column)
+{
+    constexpr const char *KIND = "the full name of an object kind, such as p_bridge.vvlan_port_cfg";
+    const size_t column = cursor.column();
+    const std::string name = cursor.word(KIND);
+    const object::Kind *kind = object::kind_by_name(name);
+    const KindWords *words = words_of(name);
+    if (kind == nullptr || words == nullptr)
+        throw Refusal{column, KIND};
+    if (words->db != db)
+        throw Refusal{db_column, std::to_string(words->db) + ", the database of " + name};
+    return {db, kind};
+}
+
+void check_use(const ObjectText &object, const object::Kind &kind, ObjectUse use, size_t column)
+{
+    for (const std::string &path : key_paths(kind)) {
+        if (std::ranges::find(object.paths, path) == object.paths.end())
+            throw Refusal{column, "the whole key: " + path + "= is missing"};
+    }
+    if (use == ObjectUse::set_fields && object.fields.empty())
+        throw Refusal{column, "a field to set beside the key"};
+}
+
+std::vector<std::string> key_paths(const object::Kind &kind)
+{
+    std::vector<std::string> paths;
+    if (!object::kind_is_keyed(kind))
+        return paths;
+    const ProtobufCFieldDescriptor *index =
+        protobuf_c_message_descriptor_get_field(&object::kind_descriptor(kind), KEY_FIELD);
+    const auto *key = static_cast<const ProtobufCMessageDescriptor *>(index->descriptor);
+    for (const ProtobufCFieldDescriptor &field : std::span(key->fields, key->n_fields)) {
+        const uint32_t role = proto_key_role(&field);
+        if (role == PROTO_KEY_ROLE_FIELD || role == PROTO_KEY_ROLE_MAC_FIELD)
+            paths.push_back(std::string(index->name) + "." + field.name);
+    }
+    return paths;
+}
+
+/* The pairs of the text form, which is known to be well formed. */
+Values values_of(std::string_view text)
+{
+    constexpr std::string_view BLANKS = " \t\r";
+    Values values;
+    for (size_t at; (at = text.find_first_not_of(BLANKS)) != std::string_view::npos;) {
+        text.remove_prefix(at);
+        const size_t equals = text.find('=');
+        size_t end = equals + 1;
+        for (bool quoted = false; end < text.size(); end++) {
+            if (!quoted && BLANKS.find(text[end]) != std::string_view::npos)
+                break;
+            quoted ^= text[end] == '"';
+            end += quoted && text[end] == '\\';
+        }
+        end = std::min(end, text.size());
+        values.emplace(text.substr(0, equals), text.substr(equals + 1, end - equals - 1));
+        text.remove_prefix(end);
+    }
+    return values;
+}
+
+/* Empty for a value that the text form leaves out. */
+std::string value_at(const Values &values, std::string_view path)
+{
+    const auto found = values.find(path);
+    return found == values.end() ? "" : found->second;
 }
 
 } // namespace

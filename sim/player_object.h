@@ -18,13 +18,32 @@ namespace sim
 struct ObjectText {
     uint32_t db;
     std::shared_ptr<const ProtobufCMessage> message; /* shared: steps are copied */
-    std::vector<uint32_t> fields;                    /* numbers of the fields that were given */
+    std::vector<uint32_t> fields;                    /* numbers of those given, without the key's */
+    std::vector<std::string> paths;                  /* what was given: "index.ifx", "qos.cos" */
 };
 
-/* "DB KIND FIELDS", up to the end of the line; each throws Refusal. */
-ObjectText object_parse(Cursor &cursor);
+/* How an object may be written. */
+enum class ObjectUse {
+    any,
+    set_whole,  /* not for a kind that is stored field by field */
+    set_fields, /* at least one field beside the key */
+};
+
+/*
+ * "DB KIND FIELDS", up to the end of the line; each throws Refusal. An object
+ * has its whole key, and a kind stands in its own database only: without that a
+ * slip would name something that is never there, and `expect no` be met by it.
+ */
+ObjectText object_parse(Cursor &cursor, ObjectUse use = ObjectUse::any);
 uint32_t object_db_parse(Cursor &cursor);
-const object::Kind *object_kind_parse(Cursor &cursor);
+struct ObjectKind {
+    uint32_t db;
+    const object::Kind *kind;
+};
+ObjectKind object_kind_parse(Cursor &cursor);
+
+/* Whether a stored object has the values that are given; others do not matter. */
+bool object_has(const ProtobufCMessage &stored, const ObjectText &wanted);
 
 /*
  * What a change of an object means to a network engineer, in a few words:

@@ -69,6 +69,12 @@ TEST(Parser, RefusesWithLineAndColumn)
         {"set 5 p_bridge.vvlan_port_cfg index.ifx=1", "1:5: expected a database"},
         {"set 4 p_bridge.vvlan index.ifx=1", "1:7: expected the full name of an object kind"},
         {"set 4 p_bridge.vvlan_port_cfg index.ifx=1 enable=yes", "1:50: expected "},
+        {"expect no object 8 p_bridge.vvlan_port_auto index.ifx=3", "1:18: expected 4, the data"},
+        {"expect count 4 u_bridge.vvlan_join 0", "1:14: expected 8, the database of u_bridge.v"},
+        {"expect no object 4 p_bridge.vvlan_port_auto enable=1", "1:45: expected the whole key"},
+        {"set 4 p_bridge.vvlan_oui_cfg index.mac=00:11:22:33:44:55", "1:30: expected the whole"},
+        {"set 4 p_bridge.vvlan_glb_cfg secu_mode=1", "1:7: expected `hset`"},
+        {"hset 4 p_bridge.vvlan_port_cfg index.ifx=3", "1:32: expected a field to set"},
         {"frame 3 src=00:11:22:33:44:55", "1:7: expected the ifx of a port"},
         {"port 3 phyid=1\nframe 3 dst=00:11:22:33:44:55", "2:9: expected a frame with src=MAC"},
         {"port 3 phyid=1\nframe 3 src=00:11:22:33:44", "2:13: expected a MAC address"},
@@ -179,6 +185,21 @@ TEST(Player, WatchesBetweenJobs)
     const Played holds = play(CONFIGURED + ("always w: probe 3 phone -> vid=100\n" + change) + end);
     EXPECT_EQ(holds.result.failed, 0U) << holds.text;
     EXPECT_THAT(holds.text, Not(HasSubstr("asked 0 times")));
+}
+
+/* An object is asked for what is given of it; the rest does not matter. */
+TEST(Player, ComparesWhatIsGiven)
+{
+    const Played played = play(
+        CONFIGURED + std::string("expect object 4 p_bridge.vvlan_glb_cfg glb_switch.vlan=100\n"
+                                 "expect no object 4 p_bridge.vvlan_glb_cfg glb_switch.vlan=0\n"
+                                 "expect object 4 p_bridge.vvlan_glb_cfg secu_mode=0\n"
+                                 "expect no object 4 p_bridge.vvlan_glb_cfg glb_switch={}\n"
+                                 "hset 4 p_bridge.vvlan_port_cfg index.ifx=3 mode=1\n"
+                                 "expect object 4 p_bridge.vvlan_port_cfg index.ifx=3 mode=1 "
+                                 "enable=1\n"));
+    EXPECT_EQ(played.result.passed, 5U) << played.text;
+    EXPECT_EQ(played.result.failed, 0U) << played.text;
 }
 
 TEST(Player, IsTheSameTwice)

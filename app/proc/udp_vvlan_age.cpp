@@ -47,15 +47,8 @@ int udp_vvlan_timer_ops(udp_vvlan_port_node *port)
         UDP_VVLAN_LOG_ERROR("pointer NULL!");
         return UDP_VVLAN_NULL_RECORD;
     }
-    if (udp_vvlan_port_has(port, UDP_VVLAN_PORT_VVLAN_EN)) {
-        UDP_VVLAN_LOG_DEBUG("phyid=0x%x vvlan_en=%d  auto=%d  deny_en=%d  mac_aged=%d no_flw=%d "
-                            "auto_join=%d age_time=%d\n",
-                            port->phyid, 1, udp_vvlan_port_has(port, UDP_VVLAN_PORT_AUTO_MOD),
-                            udp_vvlan_port_has(port, UDP_VVLAN_PORT_DENY_EN),
-                            udp_vvlan_port_has(port, UDP_VVLAN_PORT_MAC_AGED), port->no_flw,
-                            udp_vvlan_port_has(port, UDP_VVLAN_PORT_AUTO_JOIN),
-                            udp_vvlan_glb.age_time);
-    }
+    if (udp_vvlan_port_has(port, UDP_VVLAN_PORT_VVLAN_EN))
+        UDP_VVLAN_PORT_TRACE(UDP_VVLAN_LOG_DEBUG, port);
     if ((port->flags & FLAGS_LOOKED_AT) != SILENT) {
         port->no_flw = 0;
         return 0;

@@ -230,13 +230,7 @@ int udp_vvlan_handler_set_mac_noti(uint32_t is_set, const UBridge__MacVidRegNoti
         if (udp_vvlan_list_is_empty(&port->mac_list))
             mark_joined_and_silent(port);
     }
-    UDP_VVLAN_LOG_INFO("phyid=0x%x vvlan_en=%d  auto=%d  deny_en=%d  mac_aged=%d no_flw=%d "
-                       "auto_join=%d age_time=%d\n",
-                       port->phyid, udp_vvlan_port_has(port, UDP_VVLAN_PORT_VVLAN_EN),
-                       udp_vvlan_port_has(port, UDP_VVLAN_PORT_AUTO_MOD),
-                       udp_vvlan_port_has(port, UDP_VVLAN_PORT_DENY_EN),
-                       udp_vvlan_port_has(port, UDP_VVLAN_PORT_MAC_AGED), port->no_flw,
-                       udp_vvlan_port_has(port, UDP_VVLAN_PORT_AUTO_JOIN), udp_vvlan_glb.age_time);
+    UDP_VVLAN_PORT_TRACE(UDP_VVLAN_LOG_INFO, port);
     return 0;
 }
 
@@ -289,10 +283,7 @@ int udp_vvlan_port_mac(udp_vvlan_port_node *port)
     if (!udp_vvlan_list_is_empty(&port->mac_list))
         return 0;
     mark_joined_and_silent(port);
-    UDP_VVLAN_LOG_DEBUG("vvlan_en: %d, auto_mod: %d, deny_en: %d, mac_aged: %d, auto_join: %d, "
-                        "phyid: 0x%x,",
-                        udp_vvlan_port_has(port, UDP_VVLAN_PORT_VVLAN_EN),
-                        udp_vvlan_port_has(port, UDP_VVLAN_PORT_AUTO_MOD), 0, 1, 1, port->phyid);
+    UDP_VVLAN_PORT_TRACE_FLAGS(UDP_VVLAN_LOG_DEBUG, port);
     return 0;
 }
 
@@ -313,13 +304,7 @@ int udp_vvlan_del_oui_mac(udp_vvlan_mac_node *record, const vvlan_oui *oui)
         return 0;
     if (udp_vvlan_list_is_empty(&port->mac_list))
         mark_silent(port);
-    UDP_VVLAN_LOG_INFO("vvlan_en: %d, auto_mod: %d, deny_en: %d, mac_aged: %d, auto_join: %d, "
-                       "phyid: 0x%x,",
-                       udp_vvlan_port_has(port, UDP_VVLAN_PORT_VVLAN_EN),
-                       udp_vvlan_port_has(port, UDP_VVLAN_PORT_AUTO_MOD),
-                       udp_vvlan_port_has(port, UDP_VVLAN_PORT_DENY_EN),
-                       udp_vvlan_port_has(port, UDP_VVLAN_PORT_MAC_AGED),
-                       udp_vvlan_port_has(port, UDP_VVLAN_PORT_AUTO_JOIN), port->phyid);
+    UDP_VVLAN_PORT_TRACE_FLAGS(UDP_VVLAN_LOG_INFO, port);
     return 0;
 }
 

@@ -48,6 +48,28 @@ inline bool udp_vvlan_port_is_auto(const udp_vvlan_port_node *port)
     return udp_vvlan_port_has(port, UDP_VVLAN_PORT_VVLAN_EN | UDP_VVLAN_PORT_AUTO_MOD);
 }
 
+/*
+ * The two lines that trace a port, each through the log statement `log`
+ * (UDP_VVLAN_LOG_INFO, UDP_VVLAN_LOG_DEBUG), so that level, function and line
+ * are those of the place that traces: all of the port's state, with the aging
+ * time that it counts against, or the flags alone.
+ */
+#define UDP_VVLAN_PORT_TRACE(log, port)                                                            \
+    log("phyid=0x%x vvlan_en=%d  auto=%d  deny_en=%d  mac_aged=%d no_flw=%d "                      \
+        "auto_join=%d age_time=%d\n",                                                              \
+        (port)->phyid, udp_vvlan_port_has((port), UDP_VVLAN_PORT_VVLAN_EN),                        \
+        udp_vvlan_port_has((port), UDP_VVLAN_PORT_AUTO_MOD),                                       \
+        udp_vvlan_port_has((port), UDP_VVLAN_PORT_DENY_EN),                                        \
+        udp_vvlan_port_has((port), UDP_VVLAN_PORT_MAC_AGED), (port)->no_flw,                       \
+        udp_vvlan_port_has((port), UDP_VVLAN_PORT_AUTO_JOIN), udp_vvlan_glb.age_time)
+#define UDP_VVLAN_PORT_TRACE_FLAGS(log, port)                                                      \
+    log("vvlan_en: %d, auto_mod: %d, deny_en: %d, mac_aged: %d, auto_join: %d, phyid: 0x%x,",      \
+        udp_vvlan_port_has((port), UDP_VVLAN_PORT_VVLAN_EN),                                       \
+        udp_vvlan_port_has((port), UDP_VVLAN_PORT_AUTO_MOD),                                       \
+        udp_vvlan_port_has((port), UDP_VVLAN_PORT_DENY_EN),                                        \
+        udp_vvlan_port_has((port), UDP_VVLAN_PORT_MAC_AGED),                                       \
+        udp_vvlan_port_has((port), UDP_VVLAN_PORT_AUTO_JOIN), (port)->phyid)
+
 /* Creates the empty map. Returns 0 always: without memory the map stays NULL. */
 int udp_vvlan_port_init(void);
 

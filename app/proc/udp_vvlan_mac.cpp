@@ -46,6 +46,7 @@ raw_mac raw(const udp_vvlan_mac_addr *mac);
 void mark_silent(udp_vvlan_port_node *port);
 void mark_joined_and_silent(udp_vvlan_port_node *port);
 void move(udp_vvlan_mac_node *record, udp_vvlan_port_node *to);
+void take_out(udp_vvlan_mac_node *record, bool poison);
 
 } // namespace
 
@@ -249,14 +250,13 @@ void udp_vvlan_mac_add(const udp_vvlan_mac_addr *mac, uint32_t ifx)
                 mark_silent(old_port);
         }
     } else {
-        udp_vvlan_mac_node key = {};
-        key.mac = *mac;
-        key.ifx = ifx;
-        record = udp_vvlan_mac_node_op(&key, 1);
-        if (record != nullptr)
+        record = udp_vvlan_mac_insert(mac);
+        if (record != nullptr) {
+            record->ifx = ifx;
             udp_vvlan_list_add_tail(&port->mac_list, &record->link);
-        else
+        } else {
             UDP_VVLAN_LOG_ERROR("Assert:add mac(%s) to mac_hash fail!", raw(mac).text);
+        }
     }
     port->no_flw = 0;
     udp_vvlan_port_set_flags(port, UDP_VVLAN_PORT_MAC_AGED, false);
@@ -269,9 +269,7 @@ void udp_vvlan_mac_del(const udp_vvlan_mac_addr *mac)
         UDP_VVLAN_LOG_ERROR("Assert:not find mac(%s) in mac_hash fail!", raw(mac).text);
         return;
     }
-    udp_vvlan_list_del(&record->link);
-    udp_vvlan_list_poison(&record->link);
-    udp_vvlan_mac_node_op(record, 0);
+    take_out(record, true);
 }
 
 int udp_vvlan_port_mac(udp_vvlan_port_node *port)
@@ -297,9 +295,8 @@ int udp_vvlan_del_oui_mac(udp_vvlan_mac_node *record, const vvlan_oui *oui)
         if ((record->mac.bytes[i] & oui->mask.bytes[i]) != oui->mac.bytes[i])
             return 0;
     }
-    udp_vvlan_list_del(&record->link);
     udp_vvlan_port_node *port = udp_vvlan_port_find(record->ifx);
-    udp_vvlan_mac_node_op(record, 0);
+    take_out(record, false);
     if (port == nullptr || !udp_vvlan_port_is_auto(port))
         return 0;
     if (udp_vvlan_list_is_empty(&port->mac_list))
@@ -325,8 +322,8 @@ udp_vvlan_mac_node *udp_vvlan_mac_insert(const udp_vvlan_mac_addr *mac)
 
 void udp_vvlan_mac_remove(const udp_vvlan_mac_addr *mac)
 {
-    if (udp_vvlan_mac_map != nullptr)
-        udp_vvlan_hmap_del(udp_vvlan_mac_map, *mac);
+    if (udp_vvlan_mac_node *record = udp_vvlan_mac_find(mac))
+        take_out(record, true);
 }
 
 udp_vvlan_mac_node *udp_vvlan_mac_node_op(const udp_vvlan_mac_node *key, uint32_t add)
@@ -443,6 +440,20 @@ void move(udp_vvlan_mac_node *record, udp_vvlan_port_node *to)
     record->ifx = to->ifx;
     udp_vvlan_list_del(&record->link);
     udp_vvlan_list_add_tail(&to->mac_list, &record->link);
+}
+
+/*
+ * Takes a record out of its port's list and the table, and frees it. The link
+ * is poisoned where somebody may be following the list, so that it shows in a
+ * crash dump. The walk over the table that deletes the MACs of an OUI follows
+ * no list; its records are left pointing at themselves.
+ */
+void take_out(udp_vvlan_mac_node *record, bool poison)
+{
+    udp_vvlan_list_del(&record->link);
+    if (poison)
+        udp_vvlan_list_poison(&record->link);
+    udp_vvlan_hmap_del(udp_vvlan_mac_map, record->mac);
 }
 
 } // namespace

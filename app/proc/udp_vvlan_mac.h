@@ -63,7 +63,7 @@ int udp_vvlan_handler_set_mac_noti(uint32_t is_set, const UBridge__MacVidRegNoti
  */
 void udp_vvlan_mac_add(const udp_vvlan_mac_addr *mac, uint32_t ifx);
 
-/* Takes an address out of its port's list and the table. */
+/* As udp_vvlan_mac_remove(), but an address that is not in the table is logged as an error. */
 void udp_vvlan_mac_del(const udp_vvlan_mac_addr *mac);
 
 /*
@@ -77,8 +77,6 @@ int udp_vvlan_port_mac(udp_vvlan_port_node *port);
  * 0 so that it goes on, UDP_VVLAN_NULL_RECORD for a NULL record.
  */
 int udp_vvlan_del_oui_mac(udp_vvlan_mac_node *record, const vvlan_oui *oui);
-
-/* The MAC table. */
 
 /* The record whose link in a port's list this is. */
 inline udp_vvlan_mac_node *udp_vvlan_mac_node_of(udp_vvlan_link *link)
@@ -96,12 +94,13 @@ udp_vvlan_mac_node *udp_vvlan_mac_find(const udp_vvlan_mac_addr *mac);
  */
 udp_vvlan_mac_node *udp_vvlan_mac_insert(const udp_vvlan_mac_addr *mac);
 
-/* Deletes and frees the record of `mac`, if any; it must be in no list. */
+/* Takes the record of `mac`, if any, out of its port's list and the table, and frees it. */
 void udp_vvlan_mac_remove(const udp_vvlan_mac_addr *mac);
 
 /*
- * add 1: inserts as udp_vvlan_mac_insert() and takes key->ifx over. add 0:
- * removes as udp_vvlan_mac_remove() and returns NULL; `key` may be the record.
+ * Both in one, as udp_vvlan_port_node_op() has it for ports, whose module uses
+ * it. add 1: udp_vvlan_mac_insert(), and takes key->ifx over. add 0:
+ * udp_vvlan_mac_remove(), and returns NULL; `key` may be the record.
  */
 udp_vvlan_mac_node *udp_vvlan_mac_node_op(const udp_vvlan_mac_node *key, uint32_t add);
 

@@ -279,10 +279,9 @@ int udp_vvlan_port_clear_mac(udp_vvlan_port_node *port, uint32_t flag)
         UDP_VVLAN_LOG_ERROR("pointer NULL!");
         return UDP_VVLAN_NULL_RECORD;
     }
-    while (!udp_vvlan_list_is_empty(&port->mac_list)) {
-        udp_vvlan_link *link = port->mac_list.next;
-        udp_vvlan_list_del(link);
-        udp_vvlan_list_poison(link);
+    udp_vvlan_link *head = &port->mac_list;
+    for (udp_vvlan_link *link = head->next, *next; link != head; link = next) {
+        next = link->next;
         udp_vvlan_mac_node_op(udp_vvlan_mac_node_of(link), 0);
     }
     return 0;

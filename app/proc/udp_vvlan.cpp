@@ -4,7 +4,6 @@
 #include <strings.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -30,7 +29,6 @@ constexpr char LOG_CATEGORY[] = "vvlan";
 
 constexpr size_t PATH_SIZE = 256;
 constexpr size_t DEBUG_TEXT_SIZE = 20; /* bytes read from the debug-level file */
-constexpr uint32_t DEBUG_LEVEL_MAX = 5;
 constexpr int EXIT_OTHER_INSTANCE = 77;
 
 bool lock_pid_file(void);
@@ -229,7 +227,6 @@ bool open_log(void)
     return true;
 }
 
-/* The clamp is unsigned: a negative number asks for everything, too. */
 void read_debug_level(void)
 {
     const int fd = open(udp_vvlan_state_now.start_table.debug_path, O_RDONLY);
@@ -238,8 +235,7 @@ void read_debug_level(void)
     char text[DEBUG_TEXT_SIZE + 1] = {};
     if (read(fd, text, DEBUG_TEXT_SIZE) > 0) {
         const int base = strncasecmp(text, "0x", 2) == 0 ? 16 : 10;
-        const auto level = static_cast<uint32_t>(std::strtol(text, nullptr, base));
-        udp_vvlan_debug_level = std::min(level, DEBUG_LEVEL_MAX);
+        udp_vvlan_debug_level_set(static_cast<uint32_t>(std::strtol(text, nullptr, base)));
     }
     close(fd);
 }

@@ -109,8 +109,8 @@ template <typename Call> int udp_vvlan_call_again(const udp_vvlan_where &where, 
 
 /*
  * The daemon. Returns 0 when the event loop has ended, -1 when another copy
- * runs (or the pid file cannot be opened), -17 without a global context, or
- * what the redundancy library refused the registration with.
+ * runs (or the pid file cannot be opened), UDP_VVLAN_E_NO_CONTEXT without a
+ * global context, or what the redundancy library refused the registration with.
  */
 int udp_vvlan_main(void);
 

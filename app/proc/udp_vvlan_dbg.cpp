@@ -12,10 +12,8 @@
 namespace
 {
 
-constexpr uint32_t DEBUG_LEVEL_MAX = 5;
-
 /* By debug level; the blanks are part of the names. */
-constexpr const char *LEVEL_NAMES[DEBUG_LEVEL_MAX + 1] = {
+constexpr const char *LEVEL_NAMES[UDP_VVLAN_DEBUG_LEVEL_MAX + 1] = {
     " KTDF_ZLOG_LV_FATAL ",  " KTDF_ZLOG_LV_ERROR ", " KTDF_ZLOG_LV_WARN ",
     " KTDF_ZLOG_LV_NOTICE ", " KTDF_ZLOG_LV_INFO ",  " KTDF_ZLOG_LV_DEBUG "};
 
@@ -69,15 +67,15 @@ namespace
 
 int show_level(const int *, int)
 {
-    std::puts(udp_vvlan_debug_level <= DEBUG_LEVEL_MAX ? LEVEL_NAMES[udp_vvlan_debug_level]
-                                                       : " can't Distinguish !");
+    std::puts(udp_vvlan_debug_level <= UDP_VVLAN_DEBUG_LEVEL_MAX
+                  ? LEVEL_NAMES[udp_vvlan_debug_level]
+                  : " can't Distinguish !");
     return 0;
 }
 
 int set_level(const int *args, int)
 {
-    const auto level = static_cast<uint32_t>(args[0]);
-    udp_vvlan_debug_level = level <= DEBUG_LEVEL_MAX ? level : DEBUG_LEVEL_MAX;
+    udp_vvlan_debug_level_set(static_cast<uint32_t>(args[0]));
     std::printf("set zlog_level=%d success !\n", udp_vvlan_debug_level);
     return 0;
 }

@@ -140,10 +140,13 @@ constexpr udp_vvlan_ds_entry udp_vvlan_ds_table[UDP_VVLAN_DS_ENTRY_COUNT] = {
      of_section<udp_vvlan_ds_del_pexpire_oui_cfg>, of_object<udp_vvlan_event_set_oui_cfg>, 0},
     {of_section<udp_vvlan_ds_pexpire_port_cfg>, udp_vvlan_ds_scan_port_cfg,
      of_section<udp_vvlan_ds_del_pexpire_port_cfg>, of_object<udp_vvlan_event_set_port_cfg>, 0},
-    {udp_vvlan_ds_scan_glb_cfg, nothing, glb_cfg_scan_over, udp_vvlan_event_set_glb_cfg, 5},
-    {udp_vvlan_ds_scan_glb_cfg, nothing, nothing, udp_vvlan_event_set_glb_cfg, 6},
-    {udp_vvlan_ds_scan_glb_cfg, nothing, nothing, udp_vvlan_event_set_glb_cfg, 7},
-    {udp_vvlan_ds_scan_glb_cfg, nothing, nothing, udp_vvlan_event_set_glb_cfg, 8},
+    {udp_vvlan_ds_scan_glb_cfg, nothing, glb_cfg_scan_over, udp_vvlan_event_set_glb_cfg,
+     UDP_VVLAN_GLB_SWITCH},
+    {udp_vvlan_ds_scan_glb_cfg, nothing, nothing, udp_vvlan_event_set_glb_cfg,
+     UDP_VVLAN_GLB_SECU_MODE},
+    {udp_vvlan_ds_scan_glb_cfg, nothing, nothing, udp_vvlan_event_set_glb_cfg,
+     UDP_VVLAN_GLB_AGE_TIME},
+    {udp_vvlan_ds_scan_glb_cfg, nothing, nothing, udp_vvlan_event_set_glb_cfg, UDP_VVLAN_GLB_QOS},
     {udp_vvlan_ds_scan_port_noti, nothing, port_noti_scan_over,
      of_object<udp_vvlan_event_set_port_noti>, 0},
 };
@@ -311,9 +314,9 @@ int begin_sections(const udp_vvlan_where &where, kt_global *global,
         const int rv =
             section.is_sync
                 ? kt_mom_dsbegin_sync(global, section.db, all, KT_MOM_MATCH_EXACT,
-                                      UDP_VVLAN_DS_EXPIRE)
-                : kt_mom_dsbegin(global, section.db, all, KT_MOM_MATCH_EXACT, UDP_VVLAN_DS_EXPIRE,
-                                 udp_vvlan_ds_callback, user_data(entry));
+                                      UDP_VVLAN_SECTION_EXPIRE)
+                : kt_mom_dsbegin(global, section.db, all, KT_MOM_MATCH_EXACT,
+                                 UDP_VVLAN_SECTION_EXPIRE, udp_vvlan_ds_callback, user_data(entry));
         if (rv != 0) {
             UDP_VVLAN_LOG_ERROR_AT(where, section.begin_failed, rv);
             return rv;

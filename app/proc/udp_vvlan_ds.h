@@ -16,16 +16,15 @@
  * synchronisation is over.
  *
  * The module holds no state and allocates nothing. A section that is never
- * ended ends by itself after UDP_VVLAN_DS_EXPIRE seconds.
+ * ended ends by itself after UDP_VVLAN_SECTION_EXPIRE seconds.
  */
 #ifndef APP_PROC_UDP_VVLAN_DS_H
 #define APP_PROC_UDP_VVLAN_DS_H
 
 #include <cstdint>
 
+#include "app/proc/udp_vvlan_state.h"
 #include "platform/kt_mom.h"
-
-enum { UDP_VVLAN_DS_EXPIRE = 1000 /* seconds */ };
 
 struct udp_vvlan_ds_entry;
 
@@ -40,7 +39,7 @@ struct udp_vvlan_ds_entry {
     udp_vvlan_ds_handler rescan;    /* scan state 2 or 4 */
     udp_vvlan_ds_handler scan_over; /* scan state 1 */
     udp_vvlan_ds_change change;     /* everything else */
-    uint32_t field_tag;             /* field of the global settings, otherwise 0 */
+    uint32_t field_tag;             /* udp_vvlan_glb_field, 0 for the other kinds */
 };
 
 enum udp_vvlan_ds_entry_id {
@@ -65,8 +64,8 @@ int udp_vvlan_ds_init(kt_global *global, const char *app_name);
 
 /*
  * The callback of every subscription, scan and section of this module. `entry`
- * is a const udp_vvlan_ds_entry *. Returns -1 without an entry and at the end of
- * a scan that carries no object, otherwise what the entry's handler returned.
+ * is a const udp_vvlan_ds_entry *. Returns UDP_VVLAN_E_ARGUMENT without an entry and at
+ * the end of a scan that carries no object, otherwise what the entry's handler returned.
  */
 int udp_vvlan_ds_callback(kt_global *global, const kt_mom_msg *msg, void *entry);
 

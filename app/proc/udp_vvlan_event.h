@@ -9,9 +9,10 @@
  * subscription. A hash set that changes several fields therefore arrives once
  * per field, and each call applies its own only.
  *
- * Results: 0; -4 for a malformed message; -20 for an operation that the decoder
- * does not take (a warning, not an error); otherwise what a call that failed
- * returned. A port notice without object is reported and yields 0.
+ * Results: 0; UDP_VVLAN_E_MESSAGE for a malformed message;
+ * UDP_VVLAN_E_UNEXPECTED for an operation that the decoder does not take (a
+ * warning, not an error); otherwise what a call that failed returned. A port notice without object
+ * is reported and yields 0.
  */
 #ifndef APP_PROC_UDP_VVLAN_EVENT_H
 #define APP_PROC_UDP_VVLAN_EVENT_H
@@ -38,8 +39,8 @@ const ProtobufCMessage *udp_vvlan_event_object(const kt_mom_msg *msg);
 int udp_vvlan_event_set_oui_cfg(kt_global *global, const kt_mom_msg *msg);
 
 /*
- * Fields of p_bridge.vvlan_glb_cfg were set. field_tag, 5 to 8, is the field
- * that this subscription is for. Operations other than a hash set are taken and
+ * Fields of p_bridge.vvlan_glb_cfg were set. field_tag, a udp_vvlan_glb_field,
+ * is the one that this subscription is for. Operations other than a hash set are taken and
  * change nothing.
  */
 int udp_vvlan_event_set_glb_cfg(kt_global *global, const kt_mom_msg *msg, uint32_t field_tag);

@@ -15,9 +15,6 @@
 namespace
 {
 
-/* Field numbers of p_bridge.vvlan_glb_cfg. */
-enum : uint32_t { GLB_SWITCH = 5, GLB_SECU_MODE = 6, GLB_AGE_TIME = 7, GLB_QOS = 8 };
-
 /* The cluster's own database, which is also the one of the port notices. */
 constexpr uint32_t CLUSTER_DB = 0;
 
@@ -65,14 +62,14 @@ int udp_vvlan_handler_set_glb_cfg(uint32_t, const PBridge__VvlanGlbCfg *cfg, uin
     if (cfg == nullptr)
         return UDP_VVLAN_E_MESSAGE;
     switch (field_tag) {
-    case GLB_SWITCH:
+    case UDP_VVLAN_GLB_SWITCH:
         return set_glb_switch(where, cfg->glb_switch);
-    case GLB_SECU_MODE:
+    case UDP_VVLAN_GLB_SECU_MODE:
         return set_glb_secu_mode(where, cfg->secu_mode);
-    case GLB_AGE_TIME:
+    case UDP_VVLAN_GLB_AGE_TIME:
         udp_vvlan_glb.age_time = static_cast<uint16_t>(cfg->age_time);
         return 0;
-    case GLB_QOS:
+    case UDP_VVLAN_GLB_QOS:
         return set_glb_qos(where, cfg->qos);
     default:
         UDP_VVLAN_LOG_ERROR(" field_tag(%u)' operation is not found.", field_tag);

@@ -6,15 +6,18 @@
  * the object during the call only. A failure is told by the result and one log
  * line; what was done before it stays done.
  *
- * Results: 0; -2 a port record could not be added; -4 a sub-message is missing;
- * -7 the object to delete is not there; -11 an OUI could not be added or the
- * MAC subscription failed; -20 unknown field; otherwise a library's result.
+ * Results: 0; UDP_VVLAN_E_INSERT a port record could not be added;
+ * UDP_VVLAN_E_MESSAGE a sub-message is missing; UDP_VVLAN_E_NOT_FOUND the
+ * object to delete is not there; UDP_VVLAN_E_WRITE an OUI could not be added or
+ * the MAC subscription failed; UDP_VVLAN_E_UNEXPECTED unknown field; otherwise
+ * a library's result.
  */
 #ifndef APP_PROC_UDP_VVLAN_HANDLER_H
 #define APP_PROC_UDP_VVLAN_HANDLER_H
 
 #include <cstdint>
 
+#include "app/proc/udp_vvlan_state.h"
 #include "platform/kt_global.h"
 #include "proto/p_bridge.pb-c.h"
 #include "proto/s_bridge.pb-c.h"
@@ -26,7 +29,7 @@
 int udp_vvlan_handler_init(kt_global *global, const char *name);
 
 /*
- * Applies one field of the global settings; field_tag, 5 to 8, says which. The
+ * Applies one field of the global settings; field_tag says which. The
  * operation is not used.
  */
 int udp_vvlan_handler_set_glb_cfg(uint32_t operation, const PBridge__VvlanGlbCfg *cfg,

@@ -11,7 +11,6 @@
 namespace
 {
 
-constexpr uint64_t SECTION_EXPIRE_SECONDS = 1000;
 constexpr uint64_t WAIT_MILLISECONDS = 1000;
 
 /* Stands for the index of a notification that came without one. */
@@ -374,7 +373,7 @@ int begin_section(kt_global *global, void *user)
 {
     reg_key key;
     return kt_mom_dsbegin_ow(global, UDP_VVLAN_MAC_DB, reg_key_init(&key, 0), KT_MOM_MATCH_EXACT,
-                             SECTION_EXPIRE_SECONDS, udp_vvlan_mac_subscribe_callback, user,
+                             UDP_VVLAN_SECTION_EXPIRE, udp_vvlan_mac_subscribe_callback, user,
                              WAIT_MILLISECONDS);
 }
 

@@ -21,7 +21,8 @@
 #include "app/proc/udp_vvlan_state.h"
 #include "platform/kt_mom.h"
 
-/* Creates the empty table, unless there is one. Returns 0 or, without memory, -2. */
+/* Creates the empty table, unless there is one. Returns 0 or, without memory, UDP_VVLAN_E_INSERT.
+ */
 int udp_vvlan_recover_init(void);
 
 /*

@@ -35,6 +35,20 @@ enum : uint32_t {
 
 enum { UDP_VVLAN_MOM_COUNT = 4 };
 
+/* Seconds after which a section that the daemon began, but never ended, ends by itself. */
+enum { UDP_VVLAN_SECTION_EXPIRE = 1000 };
+
+/* The highest debug level; see the log statements in udp_vvlan.h. */
+enum : uint32_t { UDP_VVLAN_DEBUG_LEVEL_MAX = 5 };
+
+/* Field numbers of p_bridge.vvlan_glb_cfg, each of which has its own subscription. */
+enum udp_vvlan_glb_field : uint32_t {
+    UDP_VVLAN_GLB_SWITCH = 5,
+    UDP_VVLAN_GLB_SECU_MODE = 6,
+    UDP_VVLAN_GLB_AGE_TIME = 7,
+    UDP_VVLAN_GLB_QOS = 8
+};
+
 /* The program's own result codes; any other nonzero result is a library's. */
 enum udp_vvlan_result {
     UDP_VVLAN_NULL_RECORD = 4,    /* "pointer NULL!" */
@@ -192,7 +206,7 @@ struct udp_vvlan_state {
     /* Process frame (module udp_vvlan). */
     kt_global *global;
     kt_zlog *zlog;
-    uint32_t debug_level; /* 0..5 */
+    uint32_t debug_level; /* 0..UDP_VVLAN_DEBUG_LEVEL_MAX */
     udp_vvlan_start_table start_table;
     udp_vvlan_mom_status_record mom_status;
     uint8_t inited;
@@ -239,5 +253,12 @@ inline vvlan_acl &udp_vvlan_cos_acl = udp_vvlan_state_now.cos_acl;
 inline vvlan_acl &udp_vvlan_mvlan_acl = udp_vvlan_state_now.mvlan_acl;
 inline vvlan_acl &udp_vvlan_sec_acl = udp_vvlan_state_now.sec_acl;
 inline uint8_t (&vvlan_ace_ids)[UDP_VVLAN_ACE_ID_COUNT / 8] = udp_vvlan_state_now.ace_ids;
+
+/* Sets the debug level. What is above the highest means the highest, and so does what was negative.
+ */
+inline void udp_vvlan_debug_level_set(uint32_t level)
+{
+    udp_vvlan_debug_level = level < UDP_VVLAN_DEBUG_LEVEL_MAX ? level : UDP_VVLAN_DEBUG_LEVEL_MAX;
+}
 
 #endif

@@ -9,8 +9,7 @@
 namespace
 {
 
-constexpr uint32_t TICK_SECONDS = 60;
-constexpr timeval FIRST_TICK = {TICK_SECONDS, 0};
+constexpr timeval TICK = {60, 0};
 constexpr char TIMER_NAME[] = "udp_vvlan";
 
 /* The flags of a joined automatic port that is not trapped and has no live voice MAC. */
@@ -18,13 +17,18 @@ constexpr int SILENT = UDP_VVLAN_PORT_VVLAN_EN | UDP_VVLAN_PORT_AUTO_MOD |
                        UDP_VVLAN_PORT_AUTO_JOIN | UDP_VVLAN_PORT_MAC_AGED;
 constexpr int FLAGS_LOOKED_AT = SILENT | UDP_VVLAN_PORT_DENY_EN;
 
+void arm(void)
+{
+    kt_thread_add_timer_timeval_withname(udp_vvlan_global->master, udp_vvlan_timer_scan, nullptr,
+                                         TICK.tv_sec, TICK.tv_usec, TIMER_NAME);
+}
+
 } // namespace
 
 int udp_vvlan_timer_init(void)
 {
     UDP_VVLAN_LOG_DEBUG("<timer> :init timer");
-    kt_thread_add_timer_timeval_withname(udp_vvlan_global->master, udp_vvlan_timer_scan, nullptr,
-                                         FIRST_TICK.tv_sec, FIRST_TICK.tv_usec, TIMER_NAME);
+    arm();
     return 0;
 }
 
@@ -36,8 +40,7 @@ int udp_vvlan_timer_scan(void *)
         UDP_VVLAN_LOG_DEBUG("\n Scan vvlan port over!");
     }
     UDP_VVLAN_LOG_DEBUG("\n************Start timer: time interval(60s)\n");
-    kt_thread_add_timer_timeval_withname(udp_vvlan_global->master, udp_vvlan_timer_scan, nullptr,
-                                         TICK_SECONDS, 0, TIMER_NAME);
+    arm();
     return 0;
 }
 
@@ -53,7 +56,7 @@ int udp_vvlan_timer_ops(udp_vvlan_port_node *port)
         port->no_flw = 0;
         return 0;
     }
-    port->no_flw += TICK_SECONDS;
+    port->no_flw += static_cast<uint32_t>(TICK.tv_sec);
     if (port->no_flw >= udp_vvlan_glb.age_time * 60U) {
         port->no_flw = 0;
         int rv = udp_vvlan_port_join_vvlan(port, 0);

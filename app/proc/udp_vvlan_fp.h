@@ -52,7 +52,11 @@ void udp_vvlan_set_cos_acl(vvlan_acl *record, uint32_t add);
 void udp_vvlan_set_mvlan_acl(vvlan_acl *record, uint32_t add);
 void udp_vvlan_set_sec_acl(vvlan_acl *record, uint32_t add);
 
-/* The same, only when the record's `created` differs from `add`. Return 0. */
+/*
+ * The same, only when the record's `created` differs from `add`. Return 0:
+ * ensuring cannot fail today, since creating is asynchronous and its result
+ * only logged. The results are looked at below as if it could.
+ */
 int udp_vvlan_ensure_cos_acl(vvlan_acl *record, uint32_t add);
 int udp_vvlan_ensure_mvlan_acl(vvlan_acl *record, uint32_t add);
 int udp_vvlan_ensure_sec_acl(vvlan_acl *record, uint32_t add);

@@ -29,8 +29,14 @@
 int udp_vvlan_handler_init(kt_global *global, const char *name);
 
 /*
- * Applies one field of the global settings; field_tag says which. The
- * operation is not used.
+ * Applies one field of the global settings; field_tag, a udp_vvlan_glb_field,
+ * says which. The operation is not used.
+ *
+ * No value is checked against a range. age_time, in minutes, keeps its low 16
+ * bits, cos and dscp their low 8; switches are on when they are not 0. A cos
+ * above 7 or a dscp above 63 is kept in the record, but the fast path refuses
+ * an entry that carries it: the previous entry stays in force, and the refusal
+ * shows as an info line of the result callbacks only.
  */
 int udp_vvlan_handler_set_glb_cfg(uint32_t operation, const PBridge__VvlanGlbCfg *cfg,
                                   uint32_t field_tag);

@@ -31,9 +31,10 @@
 void udp_vvlan_oui_init(void);
 
 /*
- * Creates the empty MAC map, which holds the addresses that matched an entry
- * of this table. Returns 0 always: without memory the map stays NULL, and then
- * no MAC is ever in it.
+ * Creates the empty MAC map. It is made here since the two tables are filled
+ * from one another: an address enters it by an entry of this table and goes
+ * with it. Returns 0 always: without memory the map stays NULL, and then no
+ * MAC is ever in it.
  */
 int udp_vvlan_mac_init(void);
 

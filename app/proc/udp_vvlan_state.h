@@ -254,8 +254,7 @@ inline vvlan_acl &udp_vvlan_mvlan_acl = udp_vvlan_state_now.mvlan_acl;
 inline vvlan_acl &udp_vvlan_sec_acl = udp_vvlan_state_now.sec_acl;
 inline uint8_t (&vvlan_ace_ids)[UDP_VVLAN_ACE_ID_COUNT / 8] = udp_vvlan_state_now.ace_ids;
 
-/* Sets the debug level. What is above the highest means the highest, and so does what was negative.
- */
+/* Sets the debug level. Anything above the highest means the highest; so does a negative number. */
 inline void udp_vvlan_debug_level_set(uint32_t level)
 {
     udp_vvlan_debug_level = level < UDP_VVLAN_DEBUG_LEVEL_MAX ? level : UDP_VVLAN_DEBUG_LEVEL_MAX;

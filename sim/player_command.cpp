@@ -6,11 +6,9 @@
 
 #include "mom/kt_mom_peer.h"
 #include "sim/player_capture.h"
-#include "sim/player_condition.h"
 #include "sim/player_object.h"
 #include "sim/sim_call.h"
 #include "sim/sim_host.h"
-#include "sim/sim_log.h"
 #include "sim/sim_mom.h"
 #include "sim/sim_restart.h"
 #include "sim/sim_shell.h"
@@ -93,7 +91,6 @@ constexpr Command COMMANDS[] = {
 /* What a step wants when it is not an expectation: 0, or it is a failure of the scenario. */
 void want_success(Stage &stage, const char *what, int rv);
 void run_frame(Stage &stage, uint32_t ifx, const std::string &shown, const frame::Bytes &bytes);
-uint32_t known_port(Cursor &cursor, const CommandContext &context);
 Run open_watch(Cursor &cursor, CommandContext &context, bool wanted);
 std::vector<uint16_t> vid_list(const std::string &text, size_t column);
 uint64_t value_of(Cursor &cursor, const char *key, const char *expected, uint64_t most);
@@ -133,7 +130,7 @@ Run parse_port(Cursor &cursor, CommandContext &context)
     constexpr const char *TWICE = "a port that no earlier line has set up";
     size_t column = cursor.column();
     const auto ifx = static_cast<uint32_t>(cursor.number("a port's ifx"));
-    if (!context.ports.insert(ifx).second)
+    if (!context.known.ports.insert(ifx).second)
         throw Refusal{column, TWICE};
     column = cursor.column();
     const auto phyid = static_cast<uint32_t>(value_of(cursor, "phyid", "phyid=N", UINT32_MAX));
@@ -277,15 +274,15 @@ Run parse_clear(Cursor &cursor, CommandContext &)
 Run parse_let(Cursor &cursor, CommandContext &context)
 {
     const std::string name = cursor.word("a name for a frame");
-    context.frames.insert_or_assign(name, frame_parse(cursor, context.frames));
+    context.known.frames.insert_or_assign(name, frame_parse(cursor, context.known.frames));
     return [](Stage &) {};
 }
 
 Run parse_frame(Cursor &cursor, CommandContext &context)
 {
-    const uint32_t ifx = known_port(cursor, context);
+    const uint32_t ifx = port_parse(cursor, context.known);
     Cursor again = cursor;
-    const frame::Bytes bytes = frame::encode(frame_parse(cursor, context.frames));
+    const frame::Bytes bytes = frame::encode(frame_parse(cursor, context.known.frames));
     return [ifx, bytes, shown = std::string(again.rest())](Stage &stage) {
         run_frame(stage, ifx, shown, bytes);
     };
@@ -294,7 +291,7 @@ Run parse_frame(Cursor &cursor, CommandContext &context)
 /* The packets come with the distances in time that they were captured with. */
 Run parse_pcap(Cursor &cursor, CommandContext &context)
 {
-    const uint32_t ifx = known_port(cursor, context);
+    const uint32_t ifx = port_parse(cursor, context.known);
     const size_t column = cursor.column();
     const std::string name = cursor.word("a capture file");
     std::string why;
@@ -322,7 +319,7 @@ void run_frame(Stage &stage, uint32_t ifx, const std::string &shown, const frame
 
 Run parse_unplug(Cursor &cursor, CommandContext &context)
 {
-    return [ifx = known_port(cursor, context)](Stage &stage) {
+    return [ifx = port_parse(cursor, context.known)](Stage &stage) {
         stage_tell(stage, "port " + std::to_string(ifx), "is unplugged");
         switch_unplug(ifx);
     };
@@ -336,10 +333,12 @@ Run parse_shell(Cursor &cursor, CommandContext &)
         throw Refusal{cursor.column(), "a debug command"};
     return [line = std::string(cursor.rest())](Stage &stage) {
         int status = 0;
-        const bool called = shell_run(line, &stage.shell_output, &status);
-        stage_tell(stage, "shell", line + "\n" + stage.shell_output);
+        std::string output;
+        const bool called = shell_run(line, &output, &status);
+        stage.shell_output = output;
+        stage_tell(stage, "shell", line + "\n" + output);
         if (!called)
-            stage_judge(stage, stage.step->line, "shell " + line, {false, stage.shell_output});
+            stage_judge(stage, stage.step->line, "shell " + line, {false, output});
     };
 }
 
@@ -383,7 +382,7 @@ Run parse_forget(Cursor &cursor, CommandContext &)
 {
     if (!cursor.accept("log"))
         throw Refusal{cursor.column(), "`log`"};
-    return [](Stage &stage) { stage.log_from = log_lines().size(); };
+    return [](Stage &stage) { stage.log_from = stage.log_told; };
 }
 
 /* --- Expectations */
@@ -391,8 +390,8 @@ Run parse_forget(Cursor &cursor, CommandContext &)
 Run parse_expect(Cursor &cursor, CommandContext &context)
 {
     Cursor again = cursor;
-    return [condition = condition_parse(cursor, context.frames), text = std::string(again.rest())](
-               Stage &stage) { stage_judge(stage, stage.step->line, text, condition(stage)); };
+    return [condition = condition_parse(cursor, context.known), text = std::string(again.rest())](
+               Stage &stage) { stage_judge(stage, stage.step->line, text, condition.ask(stage)); };
 }
 
 Run parse_always(Cursor &cursor, CommandContext &context)
@@ -415,14 +414,13 @@ Run open_watch(Cursor &cursor, CommandContext &context, bool wanted)
     if (!context.watches.insert(name).second)
         throw Refusal{column, "a name that no open watch has"};
     Cursor again = cursor;
-    const Condition condition = condition_parse(cursor, context.frames);
+    const Condition condition = condition_parse(cursor, context.known);
     const std::string text =
         std::string(wanted ? "always " : "never ") + name + ": " + std::string(again.rest());
-    const auto asked = [condition, wanted](const Stage &stage) {
-        Outcome outcome = condition(stage);
-        outcome.holds = outcome.holds == wanted;
-        return outcome;
-    };
+    const Condition asked = {[condition, wanted](const Stage &stage) {
+                                 return outcome_wanted(condition.ask(stage), wanted);
+                             },
+                             condition.asks_process};
     return [name, text, asked](Stage &stage) {
         stage.watches.push_back({stage.step->line, name, text, asked, 0, false});
         stage_tell(stage, "watch", text);
@@ -453,16 +451,6 @@ void want_success(Stage &stage, const char *what, int rv)
     if (rv != 0)
         stage_judge(stage, stage.step->line, stage.step->text,
                     {false, std::string(what) + " was refused with " + std::to_string(rv)});
-}
-
-uint32_t known_port(Cursor &cursor, const CommandContext &context)
-{
-    constexpr const char *PORT = "the ifx of a port that an earlier line has set up";
-    const size_t column = cursor.column();
-    const auto ifx = static_cast<uint32_t>(cursor.number(PORT));
-    if (!context.ports.contains(ifx))
-        throw Refusal{column, PORT};
-    return ifx;
 }
 
 std::vector<uint16_t> vid_list(const std::string &text, size_t column)

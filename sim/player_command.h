@@ -13,7 +13,7 @@
 #include <set>
 #include <string>
 
-#include "sim/player_frame.h"
+#include "sim/player_condition.h"
 #include "sim/player_stage.h"
 #include "sim/player_text.h"
 
@@ -22,11 +22,10 @@ namespace sim
 
 /* What earlier lines have said. */
 struct CommandContext {
-    std::string directory;         /* of the scenario, for captures */
-    FrameNames frames;             /* named by `let` */
-    std::set<std::string> watches; /* open */
-    std::set<uint32_t> ports;      /* ifx */
+    std::string directory; /* of the scenario, for captures */
+    KnownNames known;
     std::set<uint32_t> phyids;
+    std::set<std::string> watches; /* open */
 };
 
 /* Reads one command; throws Refusal. */

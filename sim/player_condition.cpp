@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <span>
 #include <sstream>
 #include <vector>
 
@@ -22,7 +23,7 @@ namespace
 struct ConditionKind {
     const char *name;
     const char *arguments;
-    Condition (*parse)(Cursor &, const FrameNames &);
+    Condition (*parse)(Cursor &, const KnownNames &);
 };
 
 /* A word that must, or must not, be among others. */
@@ -31,17 +32,17 @@ struct WantedWord {
     bool wanted;
 };
 
-Condition parse_object(Cursor &cursor, const FrameNames &frames);
-Condition parse_count(Cursor &cursor, const FrameNames &frames);
-Condition parse_port(Cursor &cursor, const FrameNames &frames);
-Condition parse_switch(Cursor &cursor, const FrameNames &frames);
-Condition parse_out(Cursor &cursor, const FrameNames &frames);
-Condition parse_probe(Cursor &cursor, const FrameNames &frames);
-Condition parse_log(Cursor &cursor, const FrameNames &frames);
-Condition parse_process(Cursor &cursor, const FrameNames &frames);
-Condition parse_shell(Cursor &cursor, const FrameNames &frames);
-Condition parse_calls(Cursor &cursor, const FrameNames &frames);
-Condition parse_faults(Cursor &cursor, const FrameNames &frames);
+Condition parse_object(Cursor &cursor, const KnownNames &known);
+Condition parse_count(Cursor &cursor, const KnownNames &known);
+Condition parse_port(Cursor &cursor, const KnownNames &known);
+Condition parse_switch(Cursor &cursor, const KnownNames &known);
+Condition parse_out(Cursor &cursor, const KnownNames &known);
+Condition parse_probe(Cursor &cursor, const KnownNames &known);
+Condition parse_log(Cursor &cursor, const KnownNames &known);
+Condition parse_process(Cursor &cursor, const KnownNames &known);
+Condition parse_shell(Cursor &cursor, const KnownNames &known);
+Condition parse_calls(Cursor &cursor, const KnownNames &known);
+Condition parse_faults(Cursor &cursor, const KnownNames &known);
 
 constexpr ConditionKind KINDS[] = {
     {"object", "DB KIND FIELDS", parse_object},
@@ -62,32 +63,47 @@ constexpr ConditionKind KINDS[] = {
 };
 
 Outcome port_outcome(uint32_t ifx, const std::vector<std::string> &wanted);
-std::vector<std::string> port_row(uint32_t ifx);
+std::vector<std::string> port_row(const std::string &table, uint32_t ifx);
 Outcome process_outcome(const Stage &stage, const std::string &what, int64_t number);
 Outcome log_outcome(const Stage &stage, int level, const std::string &text);
+std::string switch_word(Cursor &cursor);
 std::vector<std::string> words_of(const std::string &text);
 bool has_word(const std::vector<std::string> &words, const std::string &word);
 std::string ended_text(const Ended &ended);
 
 } // namespace
 
-Condition condition_parse(Cursor &cursor, const FrameNames &frames)
+Condition condition_parse(Cursor &cursor, const KnownNames &known)
 {
     if (cursor.accept("no")) {
-        Condition inner = condition_parse(cursor, frames);
-        return [inner](const Stage &stage) {
-            const Outcome outcome = inner(stage);
-            return Outcome{!outcome.holds, outcome.found};
-        };
+        const Condition inner = condition_parse(cursor, known);
+        return {[inner](const Stage &stage) { return outcome_wanted(inner.ask(stage), false); },
+                inner.asks_process};
     }
     const size_t column = cursor.column();
     const std::string name = cursor.word("what to expect, such as `port` or `out`");
     for (const ConditionKind &kind : KINDS) {
         if (name == kind.name)
-            return kind.parse(cursor, frames);
+            return kind.parse(cursor, known);
     }
     throw Refusal{column, "one of: no object count port switch out probe log process shell calls "
                           "faults"};
+}
+
+uint32_t port_parse(Cursor &cursor, const KnownNames &known)
+{
+    constexpr const char *PORT = "the ifx of a port that an earlier line has set up";
+    const size_t column = cursor.column();
+    const auto ifx = static_cast<uint32_t>(cursor.number(PORT));
+    if (!known.ports.contains(ifx))
+        throw Refusal{column, PORT};
+    return ifx;
+}
+
+Outcome outcome_wanted(Outcome outcome, bool wanted)
+{
+    outcome.holds = outcome.can_tell && outcome.holds == wanted;
+    return outcome;
 }
 
 std::string condition_help()
@@ -101,30 +117,30 @@ std::string condition_help()
 namespace
 {
 
-Condition parse_object(Cursor &cursor, const FrameNames &)
+Condition parse_object(Cursor &cursor, const KnownNames &)
 {
     const ObjectText wanted = object_parse(cursor);
-    return [wanted](const Stage &) {
+    return {[wanted](const Stage &) {
         const object::Message stored = mom_get(wanted.db, *wanted.message);
         if (stored == nullptr)
             return Outcome{false, "there is no such object"};
         return Outcome{object_has(*stored, wanted), object::to_text(*stored)};
-    };
+    }};
 }
 
-Condition parse_count(Cursor &cursor, const FrameNames &)
+Condition parse_count(Cursor &cursor, const KnownNames &)
 {
     const ObjectKind asked = object_kind_parse(cursor);
     const uint64_t wanted = cursor.number("how many");
-    return [asked, wanted](const Stage &) {
+    return {[asked, wanted](const Stage &) {
         uint64_t found = 0;
         mom_each(asked.db, [&](const object::Kind &each, const ProtobufCMessage &,
                                const MomMeta &) { found += &each == asked.kind; });
         return Outcome{found == wanted, "there are " + std::to_string(found)};
-    };
+    }};
 }
 
-Condition parse_port(Cursor &cursor, const FrameNames &)
+Condition parse_port(Cursor &cursor, const KnownNames &)
 {
     static constexpr std::string_view KNOWN[] = {"AUTO",   "MANUAL", "ENABLE", "DISABLE", "TRAP",
                                                  "!TRAP",  "SECU",   "!SECU",  "AGING",   "!AGING",
@@ -142,37 +158,36 @@ Condition parse_port(Cursor &cursor, const FrameNames &)
             continue;
         }
         wanted.push_back(cursor.word("words of the port's row, such as AUTO JOINED !TRAP"));
-        if (std::ranges::find(KNOWN, wanted.back()) == std::end(KNOWN))
+        if (std::ranges::find(KNOWN, wanted.back()) == std::end(KNOWN) ||
+            (wanted.size() > 1 && has_word(wanted, "absent")))
             throw Refusal{column,
                           "a word of the port's row: AUTO MANUAL ENABLE DISABLE TRAP !TRAP "
                           "SECU !SECU AGING !AGING JOINED UNJOIN no_flw=SECONDS, or absent"};
     } while (!cursor.at_end());
-    return [ifx, wanted](const Stage &) { return port_outcome(ifx, wanted); };
+    return {[ifx, wanted](const Stage &) { return port_outcome(ifx, wanted); }, true};
 }
 
 Outcome port_outcome(uint32_t ifx, const std::vector<std::string> &wanted)
 {
-    const std::vector<std::string> row = port_row(ifx);
+    std::string table;
+    if (!process_is_running())
+        return {false, "it does not run", false};
+    if (!shell_run("dump_all_port", &table, nullptr))
+        return {false, table, false};
+    const std::vector<std::string> row = port_row(table, ifx);
     std::string found;
     for (const std::string &word : row)
         found += (found.empty() ? "" : " ") + word;
     if (row.empty())
-        return {wanted == std::vector<std::string>{"absent"}, "the port has no record"};
-    for (const std::string &word : wanted) {
-        if (!has_word(row, word))
-            return {false, found};
-    }
-    return {true, found};
+        return {has_word(wanted, "absent"), "the port has no record"};
+    const auto is_there = [&row](const std::string &word) { return has_word(row, word); };
+    return {std::ranges::all_of(wanted, is_there), found};
 }
 
 /* The words after the ifx of the port's row in the dump; empty when it has none. */
-std::vector<std::string> port_row(uint32_t ifx)
+std::vector<std::string> port_row(const std::string &table, uint32_t ifx)
 {
-    std::string output;
-    int status = 0;
-    if (!shell_run("dump_all_port", &output, &status))
-        return {};
-    std::istringstream lines(output);
+    std::istringstream lines(table);
     for (std::string line; std::getline(lines, line);) {
         unsigned row_ifx = 0;
         int length = 0;
@@ -182,49 +197,71 @@ std::vector<std::string> port_row(uint32_t ifx)
     return {};
 }
 
-Condition parse_switch(Cursor &cursor, const FrameNames &)
+Condition parse_switch(Cursor &cursor, const KnownNames &known)
 {
-    const uint32_t ifx = static_cast<uint32_t>(cursor.number("a port's ifx"));
+    const uint32_t ifx = port_parse(cursor, known);
     std::vector<WantedWord> wanted;
     do {
         const bool negated = cursor.accept("not");
-        wanted.push_back({cursor.word("words such as trapped or member=100"), !negated});
+        wanted.push_back({switch_word(cursor), !negated});
     } while (!cursor.at_end());
-    return [ifx, wanted](const Stage &) {
+    return {[ifx, wanted](const Stage &) {
         const std::string text = switch_port_text(ifx);
         const std::vector<std::string> words = words_of(text);
         const bool holds = std::ranges::all_of(wanted, [&words](const WantedWord &each) {
             return has_word(words, each.word) == each.wanted;
         });
-        return Outcome{holds, text.empty() ? "the port is plain" : text};
-    };
+        return Outcome{holds, text};
+    }};
 }
 
-Condition parse_out(Cursor &cursor, const FrameNames &)
+/* A word as switch_port_text() writes it. */
+std::string switch_word(Cursor &cursor)
+{
+    constexpr const char *WORD = "trapped, member=VID, acl=none, acl=ID,ID... or macs=N";
+    const size_t column = cursor.column();
+    const std::string word = cursor.word(WORD);
+    if (word == "trapped" || word == "acl=none")
+        return word;
+    const size_t from = word.find('=') + 1;
+    const std::string_view name = std::string_view(word).substr(0, from);
+    if (name != "member=" && name != "macs=" && name != "acl=")
+        throw Refusal{column, WORD};
+    const uint64_t most = name == "member=" ? 4094 : UINT32_MAX;
+    for (size_t at = from; at <= word.size();) {
+        const size_t comma =
+            name == "acl=" ? std::min(word.find(',', at), word.size()) : word.size();
+        text_number(std::string_view(word).substr(at, comma - at), column + at, WORD, most);
+        at = comma + 1;
+    }
+    return word;
+}
+
+Condition parse_out(Cursor &cursor, const KnownNames &)
 {
     const VerdictWords wanted = verdict_parse(cursor);
-    return [wanted](const Stage &stage) {
+    return {[wanted](const Stage &stage) {
         if (!stage.verdict)
-            return Outcome{false, "no frame has come in"};
+            return Outcome{false, "no frame has come in", false};
         return Outcome{verdict_matches(wanted, *stage.verdict), verdict_text(*stage.verdict)};
-    };
+    }};
 }
 
-Condition parse_probe(Cursor &cursor, const FrameNames &frames)
+Condition parse_probe(Cursor &cursor, const KnownNames &known)
 {
-    const uint32_t ifx = static_cast<uint32_t>(cursor.number("a port's ifx"));
-    const frame::Bytes bytes = frame::encode(frame_parse(cursor, frames));
+    const uint32_t ifx = port_parse(cursor, known);
+    const frame::Bytes bytes = frame::encode(frame_parse(cursor, known.frames));
     const size_t column = cursor.column();
     if (!cursor.accept("->"))
         throw Refusal{column, "a field of a frame, or `->` and what leaves the switch"};
     const VerdictWords wanted = verdict_parse(cursor);
-    return [ifx, bytes, wanted](const Stage &) {
+    return {[ifx, bytes, wanted](const Stage &) {
         const Verdict verdict = switch_peek(ifx, bytes);
         return Outcome{verdict_matches(wanted, verdict), verdict_text(verdict)};
-    };
+    }};
 }
 
-Condition parse_log(Cursor &cursor, const FrameNames &)
+Condition parse_log(Cursor &cursor, const KnownNames &)
 {
     static constexpr std::pair<std::string_view, int> LEVELS[] = {
         {"error", 100}, {"warning", 80}, {"info", 40}, {"debug", 20}};
@@ -236,21 +273,21 @@ Condition parse_log(Cursor &cursor, const FrameNames &)
         }
     }
     const std::string text = cursor.text("text of a log line in quotes");
-    return [level, text](const Stage &stage) { return log_outcome(stage, level, text); };
+    return {[level, text](const Stage &stage) { return log_outcome(stage, level, text); }};
 }
 
 Outcome log_outcome(const Stage &stage, int level, const std::string &text)
 {
     const auto &lines = log_lines();
-    for (size_t at = std::min(stage.log_from, lines.size()); at < lines.size(); at++) {
-        const LogLine &line = lines[at];
+    const auto wanted = static_cast<size_t>(stage.log_told - stage.log_from);
+    for (const LogLine &line : std::span(lines).last(std::min(wanted, lines.size()))) {
         if ((level == 0 || line.level == level) && line.text.find(text) != std::string::npos)
             return {true, line.text};
     }
     return {false, "there is no such line"};
 }
 
-Condition parse_process(Cursor &cursor, const FrameNames &)
+Condition parse_process(Cursor &cursor, const KnownNames &)
 {
     const size_t column = cursor.column();
     const std::string what = cursor.word("running, stopped, exited, killed or starts");
@@ -259,7 +296,7 @@ Condition parse_process(Cursor &cursor, const FrameNames &)
         number = cursor.signed_number("a number");
     else if (what != "running" && what != "stopped")
         throw Refusal{column, "running, stopped, exited STATUS, killed SIGNAL or starts NUMBER"};
-    return [what, number](const Stage &stage) { return process_outcome(stage, what, number); };
+    return {[what, number](const Stage &stage) { return process_outcome(stage, what, number); }};
 }
 
 Outcome process_outcome(const Stage &stage, const std::string &what, int64_t number)
@@ -276,33 +313,35 @@ Outcome process_outcome(const Stage &stage, const std::string &what, int64_t num
     return {last.by_signal == (what == "killed") && last.status == number, ended_text(last)};
 }
 
-Condition parse_shell(Cursor &cursor, const FrameNames &)
+Condition parse_shell(Cursor &cursor, const KnownNames &)
 {
     const std::string text = cursor.text("text of the last debug command's output in quotes");
-    return [text](const Stage &stage) {
-        return Outcome{stage.shell_output.find(text) != std::string::npos,
+    return {[text](const Stage &stage) {
+        if (!stage.shell_output)
+            return Outcome{false, "no debug command was run", false};
+        return Outcome{stage.shell_output->find(text) != std::string::npos,
                        "the output has no such text"};
-    };
+    }};
 }
 
-Condition parse_calls(Cursor &cursor, const FrameNames &)
+Condition parse_calls(Cursor &cursor, const KnownNames &)
 {
     const std::string name = cursor.word("the name of a platform function");
     const uint64_t wanted = cursor.number("how many calls");
-    return [name, wanted](const Stage &) {
+    return {[name, wanted](const Stage &) {
         const uint64_t found = calls_count(name);
         return Outcome{found == wanted, "there were " + std::to_string(found)};
-    };
+    }};
 }
 
-Condition parse_faults(Cursor &cursor, const FrameNames &)
+Condition parse_faults(Cursor &cursor, const KnownNames &)
 {
     const size_t column = cursor.column();
     if (!cursor.accept("met"))
         throw Refusal{column, "`met`"};
-    return [](const Stage &) {
+    return {[](const Stage &) {
         return Outcome{faults_are_spent(), "a planned fault has not been met"};
-    };
+    }};
 }
 
 std::vector<std::string> words_of(const std::string &text)

@@ -30,7 +30,8 @@ std::array<uint8_t, Size> take_ip(Cursor &cursor, int family, const char *expect
 template <size_t Size> std::string ip_text(int family, const std::array<uint8_t, Size> &address);
 
 constexpr std::string_view FLAGS[] = {"forwarded", "dropped", "to-cpu", "tagged", "untagged"};
-constexpr std::string_view NUMBERS[] = {"vid", "cos", "prio", "dscp"};
+constexpr std::pair<const char *, uint64_t> NUMBERS[] = {
+    {"vid", 4094}, {"cos", 7}, {"prio", 7}, {"dscp", 63}};
 bool take_flag(Cursor &cursor, VerdictWords &wanted);
 bool take_value(Cursor &cursor, VerdictWords &wanted);
 bool word_matches(const std::string &word, uint64_t value, const Verdict &verdict);
@@ -263,10 +264,9 @@ bool take_flag(Cursor &cursor, VerdictWords &wanted)
 
 bool take_value(Cursor &cursor, VerdictWords &wanted)
 {
-    for (const std::string_view name : NUMBERS) {
-        const size_t column = cursor.column() + name.size() + 1;
-        if (const auto value = cursor.accept_value(name)) {
-            wanted.words.emplace_back(name, text_number(*value, column, "a number", 4095));
+    for (const auto &[name, most] : NUMBERS) {
+        if (const auto value = take_number(cursor, name, most)) {
+            wanted.words.emplace_back(name, *value);
             return true;
         }
     }

@@ -59,10 +59,10 @@ void stage_watch(Stage &stage)
 {
     stage_notice_start(stage);
     for (Watch &watch : stage.watches) {
-        if (watch.failed)
+        if (watch.failed || (watch.condition.asks_process && process_is_current()))
             continue;
         watch.checks++;
-        const Outcome outcome = watch.condition(stage);
+        const Outcome outcome = watch.condition.ask(stage);
         if (outcome.holds)
             continue;
         watch.failed = true;
@@ -82,7 +82,10 @@ void stage_listen(Stage &stage, bool trace)
                            std::span<const uint32_t> fields) {
         tell_change(stage, db, operation, object, fields);
     });
-    log_listen([&stage](const LogLine &line) { tell_log(stage, line); });
+    log_listen([&stage](const LogLine &line) {
+        stage.log_told++;
+        tell_log(stage, line);
+    });
     restart_listen([&stage](const std::string &text) { stage_tell(stage, "restart", text); });
     process_on_end([&stage](const Ended &ended) { tell_end(stage, ended); });
     loop_after_each([&stage] { stage_watch(stage); });

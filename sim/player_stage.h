@@ -7,8 +7,10 @@
  * to which everything that happens is told.
  *
  * A condition is a question to the platform as it is now. `expect` asks it
- * once, `always` and `never` ask it after every single job of the event loop
- * until their `end`.
+ * once, `always` and `never` ask it until their `end` after every single job of
+ * the event loop and, unless the process itself is asked, before every single
+ * call that the process makes to the platform: a request to the fast path is in
+ * force at once, so that one job can pass through many states.
  */
 #ifndef SIM_PLAYER_STAGE_H
 #define SIM_PLAYER_STAGE_H
@@ -28,10 +30,14 @@ namespace sim
 
 struct Outcome {
     bool holds;
-    std::string found; /* what there was instead, in words */
+    std::string found;    /* what there was instead, in words */
+    bool can_tell = true; /* false: there was nothing to ask, so `no` is not met either */
 };
 
-using Condition = std::function<Outcome(const Stage &)>;
+struct Condition {
+    std::function<Outcome(const Stage &)> ask;
+    bool asks_process = false; /* which answers only when no callback of its own runs */
+};
 
 struct Watch {
     size_t line;
@@ -54,10 +60,11 @@ struct Stage {
     uint64_t starts;    /* of the process */
     uint64_t life_told; /* process_life() of the last start that was told */
 
-    std::optional<Verdict> verdict; /* of the last frame */
-    std::string shell_output;       /* of the last debug command */
+    std::optional<Verdict> verdict;          /* of the last frame */
+    std::optional<std::string> shell_output; /* of the last debug command */
     std::vector<Ended> ends;
-    size_t log_from; /* log lines before this one are forgotten */
+    uint64_t log_told; /* log lines so far; log_lines() has the last of them */
+    uint64_t log_from; /* so many of them are forgotten */
     std::vector<Watch> watches;
 };
 
@@ -67,7 +74,10 @@ void stage_tell(Stage &stage, std::string_view who, std::string_view what);
 /* Counts an expectation and tells it; a failure names file and line, and is never quiet. */
 void stage_judge(Stage &stage, size_t line, const std::string &text, const Outcome &outcome);
 
-/* Asks every watch that stands and has not failed yet. */
+/*
+ * Asks every watch that stands and has not failed yet; where the process is at
+ * work, only those that do not ask it.
+ */
 void stage_watch(Stage &stage);
 
 /* Tells of a process that has started since the last look. */

@@ -11,12 +11,15 @@
 
 #include "app/proc/udp_vvlan.h"
 #include "app/proc/udp_vvlan_state.h"
+#include "platform/kt_zlog.h"
 #include "sim/player_capture.h"
 #include "sim/player_play.h"
+#include "sim/sim_process.h"
 
 namespace
 {
 
+using testing::ContainsRegex;
 using testing::HasSubstr;
 using testing::Not;
 
@@ -84,6 +87,13 @@ TEST(Parser, RefusesWithLineAndColumn)
         {"port 3 phyid=1\npcap 3 none.pcap", "2:8: expected a capture file that can be read"},
         {"expect port 3 JIONED", "1:15: expected a word of the port's row"},
         {"expect out tagged vid=x", "1:23: expected a number"},
+        {"expect no out cos=8", "1:19: expected a number up to 7"},
+        {"expect no port 3 absent AUTO", "1:25: expected a word of the port's row"},
+        {"port 3 phyid=1\nnever b: switch 3 traped", "2:19: expected trapped, member=VID"},
+        {"port 3 phyid=1\nexpect switch 3 not memebr=100", "2:21: expected trapped, member=VID"},
+        {"port 3 phyid=1\nexpect switch 3 not acl=1,", "2:27: expected trapped, member=VID"},
+        {"expect switch 99 not trapped", "1:15: expected the ifx of a port"},
+        {"expect no probe 99 src=00:11:22:33:44:55 -> dropped", "1:17: expected the ifx"},
         {"expect log error \"open", "1:23: expected a closing double quote"},
         {"expect process asleep", "1:16: expected running, stopped"},
         {"always x port 3 AUTO", "1:8: expected a name and a colon"},
@@ -146,7 +156,7 @@ constexpr char CONFIGURED[] =
 TEST(Player, NamesTheLineOfAFailedExpectation)
 {
     const struct {
-        const char *line; /* the 7th, must fail */
+        const char *line; /* the 7th and maybe the 8th; the last must fail */
         const char *found;
     } failing[] = {
         {"expect port 3 AUTO", "found: MANUAL"},
@@ -157,17 +167,21 @@ TEST(Player, NamesTheLineOfAFailedExpectation)
         {"expect count 8 u_bridge.vvlan_oui_cfg 2", "found: there are 1"},
         {"expect switch 3 trapped", "found: "},
         {"expect out tagged", "found: no frame has come in"},
+        {"expect no out tagged", "found: no frame has come in"},
+        {"expect no shell \"x\"", "found: no debug command was run"},
         {"expect probe 3 phone -> untagged", "found: forwarded, tagged vid=100"},
         {"expect log error \"Assert\"", "found: there is no such line"},
         {"expect process starts 2", "found: it was started 1 times"},
         {"expect process exited 0", "found: it has not ended"},
         {"never v: probe 3 phone -> vid=100", "found: forwarded, tagged vid=100"},
         {"shell no-such-command", "found: "},
+        {"stop\nexpect port 4 absent", "found: it does not run"},
+        {"stop\nexpect no port 3 MANUAL", "found: it does not run"},
     };
     for (const auto &each : failing) {
         const Played played = play(std::string(CONFIGURED) + each.line + "\n");
         EXPECT_EQ(played.result.failed, 1U) << played.text;
-        EXPECT_THAT(played.text, HasSubstr("FAILED    dir/a.scn:7: ")) << each.line;
+        EXPECT_THAT(played.text, ContainsRegex("FAILED    dir/a.scn:[78]: ")) << each.line;
         EXPECT_THAT(played.text, HasSubstr(each.found));
     }
 }
@@ -200,6 +214,31 @@ TEST(Player, ComparesWhatIsGiven)
                                  "enable=1\n"));
     EXPECT_EQ(played.result.passed, 5U) << played.text;
     EXPECT_EQ(played.result.failed, 0U) << played.text;
+}
+
+/* A program that says more than the log keeps, in two lives. */
+int talk()
+{
+    kt_zlog *log = kt_zlog_init("talk");
+    for (int line = 0; line < 60'000; line++)
+        ktdf_zlog(log, "talk", 4, "talk", 4, 1, KTDF_ZLOG_LV_DEBUG, "pid %d line %d",
+                  sim::process_pid(), line);
+    return 0;
+}
+
+TEST(Player, ForgetsLinesWhenTheLogHasLostSome)
+{
+    sim::ScriptError error{};
+    const auto script = sim::script_parse("x",
+                                          "start\nforget log\nexpect no log \"pid\"\nstart\n"
+                                          "expect log \"pid 1001 line 0\"\n"
+                                          "expect no log \"pid 1000\"\n",
+                                          &error);
+    ASSERT_TRUE(script) << sim::script_error_text("x", error);
+    std::string text;
+    sim::PlayOptions options = options_for(text);
+    options.program = {"talk", talk, nullptr};
+    EXPECT_EQ(sim::script_play(*script, options).passed, 3U) << text;
 }
 
 TEST(Player, IsTheSameTwice)

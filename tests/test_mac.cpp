@@ -57,18 +57,8 @@ TEST_F(Macs, MacsAreLearntMovedAndForgotten)
     udp_vvlan_debug_level = 4;
     EXPECT_EQ(notify(KT_MOM_DEL, PHONE, 2) | notify(KT_MOM_DEL, PHONE, 2), 0);
     EXPECT_EQ(two->flags, AUTO | JOIN | AGED);
-    EXPECT_THAT(log_texts(),
-                Contains("udp_vvlan_handler_set_mac_noti: phyid=0x102 vvlan_en=1  auto=1  "
-                         "deny_en=0  mac_aged=1 no_flw=0 auto_join=1 age_time=1440\n"));
     /* The raw bytes are the text; this address begins with a NUL. */
     EXPECT_THAT(log_texts(), Contains("udp_vvlan_handler_set_mac_noti: mac() not found"));
-    sim::log_clear();
-    EXPECT_EQ(udp_vvlan_port_mac(two), 0); /* its line is for level 5 */
-    EXPECT_THAT(log_texts(), IsEmpty());
-    udp_vvlan_debug_level = 5;
-    EXPECT_EQ(udp_vvlan_port_mac(two), 0);
-    EXPECT_EQ(log_texts().back(), "udp_vvlan_port_mac: vvlan_en: 1, auto_mod: 1, deny_en: 0, "
-                                  "mac_aged: 1, auto_join: 1, phyid: 0x102,");
     sim::fault_plan("malloc", 1, 0);
     udp_vvlan_port_set_flags(two, AGED, true);
     EXPECT_EQ(notify(KT_MOM_SET, PHONE, 2), 0);
@@ -77,6 +67,31 @@ TEST_F(Macs, MacsAreLearntMovedAndForgotten)
     EXPECT_EQ(notify(KT_MOM_SET, PHONE, 2), 0);
     EXPECT_EQ(udp_vvlan_port_clear_mac(two, 0), 0);
     EXPECT_EQ(udp_vvlan_mac_map->size, 0U);
+}
+
+TEST_F(Macs, PortsAreTracedUnderTheNameOfTheFunction)
+{
+    enable();
+    udp_vvlan_oui_add_node(&OUI, &MASK24);
+    udp_vvlan_port_node *port = add_port(2, AUTO | DENY);
+    udp_vvlan_debug_level = 4;
+    EXPECT_EQ(notify(KT_MOM_SET, PHONE, 2), 0);
+    EXPECT_THAT(log_texts(),
+                Contains("udp_vvlan_handler_set_mac_noti: phyid=0x102 vvlan_en=1  auto=1  "
+                         "deny_en=0  mac_aged=0 no_flw=0 auto_join=1 age_time=1440\n"));
+    const std::string flags = "vvlan_en: 1, auto_mod: 1, deny_en: 0, mac_aged: 1, auto_join: 1, "
+                              "phyid: 0x102,";
+    udp_vvlan_oui_del_node(udp_vvlan_oui_find(&OUI, &MASK24));
+    EXPECT_THAT(log_texts(), Contains("udp_vvlan_del_oui_mac: " + flags));
+    sim::log_clear();
+    EXPECT_EQ(udp_vvlan_port_mac(port) | udp_vvlan_timer_ops(port), 0); /* these are for level 5 */
+    EXPECT_THAT(log_texts(), IsEmpty());
+    udp_vvlan_debug_level = 5;
+    EXPECT_EQ(udp_vvlan_port_mac(port) | udp_vvlan_timer_ops(port), 0);
+    EXPECT_THAT(log_texts(), testing::ElementsAre(
+                                 "udp_vvlan_port_mac: " + flags,
+                                 "udp_vvlan_timer_ops: phyid=0x102 vvlan_en=1  auto=1  "
+                                 "deny_en=0  mac_aged=1 no_flw=0 auto_join=1 age_time=1440\n"));
 }
 
 TEST_F(Macs, NotificationsAreCheckedLeniently)

@@ -88,10 +88,10 @@ TEST_F(Macs, PortsAreTracedUnderTheNameOfTheFunction)
     EXPECT_THAT(log_texts(), IsEmpty());
     udp_vvlan_debug_level = 5;
     EXPECT_EQ(udp_vvlan_port_mac(port) | udp_vvlan_timer_ops(port), 0);
-    EXPECT_THAT(log_texts(), testing::ElementsAre(
-                                 "udp_vvlan_port_mac: " + flags,
-                                 "udp_vvlan_timer_ops: phyid=0x102 vvlan_en=1  auto=1  "
-                                 "deny_en=0  mac_aged=1 no_flw=0 auto_join=1 age_time=1440\n"));
+    EXPECT_THAT(log_texts(),
+                testing::ElementsAre("udp_vvlan_port_mac: " + flags,
+                                     "udp_vvlan_timer_ops: phyid=0x102 vvlan_en=1  auto=1  "
+                                     "deny_en=0  mac_aged=1 no_flw=0 auto_join=1 age_time=1440\n"));
 }
 
 TEST_F(Macs, NotificationsAreCheckedLeniently)

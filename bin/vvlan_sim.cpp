@@ -117,7 +117,7 @@ std::string take_option(std::string_view option, std::string_view next, Argument
     else if (option == "--help" || option == "-h")
         arguments.help = true;
     else if (option == "--level") {
-        int &level = arguments.options.level;
+        int &level = arguments.options.level.emplace(0);
         const auto [stop, error] = std::from_chars(next.data(), next.data() + next.size(), level);
         if (error != std::errc{} || stop != next.data() + next.size() || level < 0 || level > 5)
             return "--level wants a number of 0..5";

@@ -6,6 +6,7 @@
 
 #include "mom/kt_mom_peer.h"
 #include "sim/player_capture.h"
+#include "sim/player_function.h"
 #include "sim/player_object.h"
 #include "sim/sim_call.h"
 #include "sim/sim_host.h"
@@ -28,7 +29,15 @@ struct Command {
     Run (*parse)(Cursor &, CommandContext &);
 };
 
+struct PlannedFault {
+    std::string name;
+    uint64_t nth;
+    int code;
+    uint64_t repeat;
+};
+
 constexpr const char *DEBUG_LEVEL_FILE = "/var/tmp/udp_vvlan_debug";
+constexpr size_t MOST_FAULTS = 64; /* that are still to come; the platform takes no more */
 
 Run parse_port(Cursor &cursor, CommandContext &context);
 Run parse_mac_aging(Cursor &cursor, CommandContext &context);
@@ -92,8 +101,12 @@ constexpr Command COMMANDS[] = {
 void want_success(Stage &stage, const char *what, int rv);
 void run_frame(Stage &stage, uint32_t ifx, const std::string &shown, const frame::Bytes &bytes);
 Run open_watch(Cursor &cursor, CommandContext &context, bool wanted);
+void plan_fault(Stage &stage, const PlannedFault &fault);
+void run_start(Stage &stage);
+void run_signal(Stage &stage, int signal);
 std::vector<uint16_t> vid_list(const std::string &text, size_t column);
 uint64_t value_of(Cursor &cursor, const char *key, const char *expected, uint64_t most);
+uint64_t count_of(Cursor &cursor, const char *key, const char *expected);
 
 } // namespace
 
@@ -137,13 +150,15 @@ Run parse_port(Cursor &cursor, CommandContext &context)
     if (!context.phyids.insert(phyid).second)
         throw Refusal{column, TWICE};
     const std::string name = cursor.accept_value("name").value_or("port" + std::to_string(ifx));
-    uint16_t pvid = 1;
-    if (cursor.peek().starts_with("pvid="))
-        pvid = static_cast<uint16_t>(value_of(cursor, "pvid", "a VLAN id of 1..4094", 4094));
+    column = cursor.column() + 5;
+    const auto pvids = vid_list(cursor.accept_value("pvid").value_or("1"), column);
+    if (pvids.size() != 1)
+        throw Refusal{column, "one VLAN id of 1..4094"};
     column = cursor.column() + 7;
-    const auto members = vid_list(cursor.accept_value("member").value_or(""), column);
-    return [=](Stage &) {
-        switch_add_port(ifx, phyid, name, std::max<uint16_t>(pvid, 1));
+    const auto member = cursor.accept_value("member");
+    const auto members = member ? vid_list(*member, column) : std::vector<uint16_t>{};
+    return [=, pvid = pvids.front()](Stage &) {
+        switch_add_port(ifx, phyid, name, pvid);
         for (const uint16_t vid : members)
             switch_add_member(ifx, vid);
     };
@@ -159,7 +174,7 @@ Run parse_level(Cursor &cursor, CommandContext &)
 {
     const auto level = static_cast<int>(cursor.number("a debug level of 0..5", 5));
     return [level](Stage &stage) {
-        host_file_write(DEBUG_LEVEL_FILE, std::to_string(std::max(level, stage.level)));
+        host_file_write(DEBUG_LEVEL_FILE, std::to_string(std::max(level, stage.least_level)));
     };
 }
 
@@ -172,23 +187,28 @@ Run parse_file(Cursor &cursor, CommandContext &)
 
 Run parse_start(Cursor &, CommandContext &)
 {
-    return [](Stage &) {
-        restart_set_limit(10, 60 * SECOND);
-        process_start();
-    };
+    return run_start;
+}
+
+void run_start(Stage &stage)
+{
+    if (process_is_running())
+        stage_tell(stage, "process", "it runs already");
+    restart_set_limit(10, 60 * SECOND);
+    process_start();
 }
 
 Run parse_restart(Cursor &, CommandContext &)
 {
-    return [](Stage &) { process_signal(SIGTERM); };
+    return [](Stage &stage) { run_signal(stage, SIGTERM); };
 }
 
 /* The restart manager is told to leave it down, until `start`. */
 Run parse_stop(Cursor &, CommandContext &)
 {
-    return [](Stage &) {
+    return [](Stage &stage) {
         restart_set_limit(0, 60 * SECOND);
-        process_signal(SIGTERM);
+        run_signal(stage, SIGTERM);
     };
 }
 
@@ -196,12 +216,22 @@ Run parse_kill(Cursor &cursor, CommandContext &)
 {
     static constexpr std::pair<std::string_view, int> SIGNALS[] = {
         {"KILL", SIGKILL}, {"TERM", SIGTERM}, {"INT", SIGINT}, {"PIPE", SIGPIPE}};
-    int signal = SIGKILL;
+    if (cursor.at_end())
+        return [](Stage &stage) { run_signal(stage, SIGKILL); };
+    const size_t column = cursor.column();
+    const std::string given = cursor.word("a signal");
     for (const auto &[name, number] : SIGNALS) {
-        if (cursor.accept(name))
-            signal = number;
+        if (given == name)
+            return [signal = number](Stage &stage) { run_signal(stage, signal); };
     }
-    return [signal](Stage &) { process_signal(signal); };
+    throw Refusal{column, "a signal: KILL TERM INT PIPE, or none for KILL"};
+}
+
+void run_signal(Stage &stage, int signal)
+{
+    if (!process_is_running())
+        stage_tell(stage, "process", "it does not run");
+    process_signal(signal);
 }
 
 /* --- The databases */
@@ -240,7 +270,11 @@ Run parse_publish(Cursor &cursor, CommandContext &)
 Run parse_disconnect(Cursor &cursor, CommandContext &)
 {
     return [db = object_db_parse(cursor)](Stage &stage) {
-        stage_tell(stage, "network", "the daemon loses database " + std::to_string(db));
+        const std::string name = "database " + std::to_string(db);
+        const bool is_news = stage.lost.insert(db).second;
+        stage_tell(stage, "network",
+                   is_news ? "the daemon loses " + name
+                           : "the daemon has lost " + name + " already");
         mom_disconnect(db);
     };
 }
@@ -253,9 +287,10 @@ Run parse_reconnect(Cursor &cursor, CommandContext &)
     if (type == 0)
         throw Refusal{column, "1 (another instance) or 2 (the same)"};
     return [db, type](Stage &stage) {
-        stage_tell(stage, "network",
-                   "database " + std::to_string(db) + " is back, " +
-                       (type == 1 ? "another instance" : "the same instance"));
+        const char *what = stage.lost.erase(db) == 0 ? " was not lost"
+                           : type == 1               ? " is back, another instance"
+                                                     : " is back, the same instance";
+        stage_tell(stage, "network", "database " + std::to_string(db) + what);
         mom_reconnect(db, type);
     };
 }
@@ -299,6 +334,8 @@ Run parse_pcap(Cursor &cursor, CommandContext &context)
     if (!packets)
         throw Refusal{column, "a capture file that can be read: " + why};
     return [ifx, name, packets = *packets](Stage &stage) {
+        if (!packets.empty())
+            stage.busy_until = std::max(stage.busy_until, now() + packets.back().after);
         for (const CapturedPacket &packet : packets) {
             post_at(now() + packet.after, [&stage, ifx, name, bytes = packet.bytes] {
                 const auto frame = frame::decode(bytes);
@@ -344,30 +381,36 @@ Run parse_shell(Cursor &cursor, CommandContext &)
 
 Run parse_fault(Cursor &cursor, CommandContext &)
 {
-    const std::string name = cursor.word("the name of a platform function, or malloc");
-    const uint64_t nth = value_of(cursor, "nth", "nth=N, counted from 1", UINT32_MAX);
-    const size_t column = cursor.column();
+    PlannedFault fault{function_parse(cursor), 0, 0, 1};
+    fault.nth = count_of(cursor, "nth", "nth=N, counted from 1");
+    size_t column = cursor.column();
     const auto code = cursor.accept_value("code");
     if (!code)
         throw Refusal{column, "code=N, such as code=-5"};
-    Cursor value(*code);
-    int64_t number = 0;
     try {
-        number = value.signed_number("a number, such as -5");
+        fault.code = static_cast<int>(Cursor(*code).signed_number("a number, such as -5"));
     } catch (const Refusal &refusal) {
         throw Refusal{column + 5, refusal.expected};
     }
-    uint64_t repeat = 1;
     if (cursor.peek().starts_with("repeat="))
-        repeat = value_of(cursor, "repeat", "repeat=N", UINT32_MAX);
-    if (nth == 0 || repeat == 0)
-        throw Refusal{column, "nth and repeat of at least 1"};
-    return [=](Stage &stage) {
-        stage_tell(stage, "fault",
-                   "call " + std::to_string(nth) + " of " + name + " from now on" +
-                       (repeat > 1 ? " and those after it" : "") + " will fail");
-        fault_plan(name, nth, static_cast<int>(number), repeat);
-    };
+        fault.repeat = count_of(cursor, "repeat", "repeat=N");
+    return [fault](Stage &stage) { plan_fault(stage, fault); };
+}
+
+void plan_fault(Stage &stage, const PlannedFault &fault)
+{
+    std::erase_if(stage.faults,
+                  [](const auto &planned) { return calls_count(planned.first) >= planned.second; });
+    if (stage.faults.size() == MOST_FAULTS) {
+        stage_judge(stage, stage.step->line, stage.step->text,
+                    {false, "64 planned faults are still to come"});
+        return;
+    }
+    stage_tell(stage, "fault",
+               "call " + std::to_string(fault.nth) + " of " + fault.name + " from now on" +
+                   (fault.repeat > 1 ? " and those after it" : "") + " will fail");
+    stage.faults.emplace_back(fault.name, calls_count(fault.name) + fault.nth + fault.repeat - 1);
+    fault_plan(fault.name, fault.nth, fault.code, fault.repeat);
 }
 
 Run parse_note(Cursor &cursor, CommandContext &)
@@ -457,10 +500,12 @@ std::vector<uint16_t> vid_list(const std::string &text, size_t column)
 {
     constexpr const char *VIDS = "VLAN ids of 1..4094 with commas between them";
     std::vector<uint16_t> vids;
-    for (size_t from = 0; from < text.size();) {
+    for (size_t from = 0; from <= text.size();) {
         const size_t length = std::min(text.find(',', from), text.size()) - from;
         const uint64_t vid =
             text_number(std::string_view(text).substr(from, length), column + from, VIDS, 4094);
+        if (vid == 0)
+            throw Refusal{column + from, VIDS};
         vids.push_back(static_cast<uint16_t>(vid));
         from += length + 1;
     }
@@ -474,6 +519,16 @@ uint64_t value_of(Cursor &cursor, const char *key, const char *expected, uint64_
     if (!value)
         throw Refusal{column, expected};
     return text_number(*value, column + std::string_view(key).size() + 1, expected, most);
+}
+
+/* The same for a number that is not 0. */
+uint64_t count_of(Cursor &cursor, const char *key, const char *expected)
+{
+    const size_t column = cursor.column() + std::string_view(key).size() + 1;
+    const uint64_t value = value_of(cursor, key, expected, UINT32_MAX);
+    if (value == 0)
+        throw Refusal{column, std::string(expected) + ", at least 1"};
+    return value;
 }
 
 } // namespace

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "object/object.h"
+#include "sim/player_function.h"
 #include "sim/player_object.h"
 #include "sim/sim_call.h"
 #include "sim/sim_log.h"
@@ -64,7 +65,7 @@ constexpr ConditionKind KINDS[] = {
 
 Outcome port_outcome(uint32_t ifx, const std::vector<std::string> &wanted);
 std::vector<std::string> port_row(const std::string &table, uint32_t ifx);
-Outcome process_outcome(const Stage &stage, const std::string &what, int64_t number);
+Outcome process_outcome(const Stage &stage, const std::string &what, uint64_t number);
 Outcome log_outcome(const Stage &stage, int level, const std::string &text);
 std::string switch_word(Cursor &cursor);
 std::vector<std::string> words_of(const std::string &text);
@@ -291,26 +292,31 @@ Condition parse_process(Cursor &cursor, const KnownNames &)
 {
     const size_t column = cursor.column();
     const std::string what = cursor.word("running, stopped, exited, killed or starts");
-    int64_t number = 0;
-    if (what == "exited" || what == "killed" || what == "starts")
-        number = cursor.signed_number("a number");
+    uint64_t number = 0;
+    if (what == "exited")
+        number = cursor.number("a status as a parent sees it, of 0..255", 255);
+    else if (what == "killed")
+        number = cursor.number("a signal of 1..64", 64);
+    else if (what == "starts")
+        number = cursor.number("a number");
     else if (what != "running" && what != "stopped")
         throw Refusal{column, "running, stopped, exited STATUS, killed SIGNAL or starts NUMBER"};
     return {[what, number](const Stage &stage) { return process_outcome(stage, what, number); }};
 }
 
-Outcome process_outcome(const Stage &stage, const std::string &what, int64_t number)
+Outcome process_outcome(const Stage &stage, const std::string &what, uint64_t number)
 {
     const bool running = process_is_running();
     if (what == "running" || what == "stopped")
         return {running == (what == "running"), running ? "it runs" : "it does not run"};
     if (what == "starts")
-        return {stage.starts == static_cast<uint64_t>(number),
+        return {stage.starts == number,
                 "it was started " + std::to_string(stage.starts) + " times"};
     if (stage.ends.empty())
         return {false, "it has not ended"};
     const Ended &last = stage.ends.back();
-    return {last.by_signal == (what == "killed") && last.status == number, ended_text(last)};
+    return {last.by_signal == (what == "killed") && static_cast<uint64_t>(last.status) == number,
+            ended_text(last)};
 }
 
 Condition parse_shell(Cursor &cursor, const KnownNames &)
@@ -326,7 +332,7 @@ Condition parse_shell(Cursor &cursor, const KnownNames &)
 
 Condition parse_calls(Cursor &cursor, const KnownNames &)
 {
-    const std::string name = cursor.word("the name of a platform function");
+    const std::string name = function_parse(cursor);
     const uint64_t wanted = cursor.number("how many calls");
     return {[name, wanted](const Stage &) {
         const uint64_t found = calls_count(name);

@@ -1,5 +1,7 @@
 #include "sim/player_play.h"
 
+#include <algorithm>
+
 #include "sim/player_stage.h"
 #include "sim/sim_host.h"
 #include "sim/sim_shell.h"
@@ -27,7 +29,8 @@ PlayResult script_play(const Script &script, const PlayOptions &options)
     stage.script = &script;
     stage.print = options.print;
     stage.quiet = options.quiet;
-    stage.level = options.level;
+    stage.level = options.level.value_or(1);
+    stage.least_level = options.level.value_or(0);
     world_reset();
     set_up(stage, options);
     if (options.at_begin)
@@ -53,8 +56,8 @@ namespace
 void set_up(Stage &stage, const PlayOptions &options)
 {
     process_install(options.program);
-    if (options.level != 1)
-        host_file_write(DEBUG_LEVEL_FILE, std::to_string(options.level));
+    if (stage.level != 1)
+        host_file_write(DEBUG_LEVEL_FILE, std::to_string(stage.level));
     stage.life_told = process_life();
     stage_listen(stage, options.trace);
 }
@@ -70,6 +73,7 @@ void play_steps(Stage &stage)
         stage_watch(stage);
         tell_printed(stage, capture, told);
     }
+    run_until(std::max(now(), stage.busy_until));
     settle();
     tell_printed(stage, capture, told);
 }

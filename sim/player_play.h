@@ -10,6 +10,7 @@
 #define SIM_PLAYER_PLAY_H
 
 #include <functional>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -25,7 +26,9 @@ struct PlayOptions {
     bool trace = false; /* every platform call */
     bool dump = false;  /* every table at the end */
     bool quiet = false; /* nothing but what failed */
-    int level = 1;      /* the daemon's debug level, and log lines up to it */
+
+    /* Debug level: the daemon's from the start, no less later, and of the log lines printed. */
+    std::optional<int> level; /* none: 1, and the scenario's `level` decides later */
 
     /* Called, where set, when the world is ready and before it is reset again. */
     std::function<void()> at_begin;

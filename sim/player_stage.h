@@ -17,8 +17,10 @@
 
 #include <functional>
 #include <optional>
+#include <set>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "sim/player_script.h"
@@ -54,6 +56,11 @@ struct Stage {
     std::function<void(std::string_view)> print;
     bool quiet; /* only what failed is printed */
     int level;  /* log lines up to this debug level are printed */
+
+    int least_level;         /* of the daemon, whatever the scenario says */
+    Micros busy_until;       /* what a step has begun goes on until then */
+    std::set<uint32_t> lost; /* databases */
+    std::vector<std::pair<std::string, uint64_t>> faults; /* planned: name, its last call */
 
     uint64_t passed;
     uint64_t failed;

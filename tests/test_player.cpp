@@ -36,7 +36,7 @@ sim::PlayOptions options_for(std::string &text)
     return options;
 }
 
-Played play(const std::string &scenario, bool trace = false, int level = 1)
+Played play(const std::string &scenario, bool trace = false, std::optional<int> level = {})
 {
     sim::ScriptError error{};
     const auto script = sim::script_parse("dir/a.scn", scenario, &error);
@@ -102,6 +102,15 @@ TEST(Parser, RefusesWithLineAndColumn)
         {"for n 3..1\ndone\n", "1:7: expected a range"},
         {"for n 1..2\n  unplug ${m}\ndone\n", "2:12: expected the loop's variable"},
         {"fault kt_mom_set nth=1 code=x", "1:29: expected a number"},
+        {"fault kt_mom_sett nth=1 code=-5", "1:7: expected the name of a platform function"},
+        {"expect calls kt_mom_sett 0", "1:14: expected the name of a platform function"},
+        {"fault kt_mom_set nth=0 code=1", "1:22: expected nth=N, counted from 1, at least 1"},
+        {"fault malloc nth=1 code=1 repeat=0", "1:34: expected repeat=N, at least 1"},
+        {"kill FOO", "1:6: expected a signal: KILL TERM INT PIPE"},
+        {"expect process exited -17", "1:23: expected a status as a parent sees it"},
+        {"port 3 phyid=1 pvid=0", "1:21: expected VLAN ids of 1..4094"},
+        {"port 3 phyid=1 member=5,0", "1:25: expected VLAN ids of 1..4094"},
+        {"port 3 phyid=1 member=5,", "1:25: expected VLAN ids of 1..4094"},
         {"reconnect 4 type=0", "1:18: expected 1 (another instance)"},
     };
     for (const auto &each : refused)
@@ -214,6 +223,25 @@ TEST(Player, ComparesWhatIsGiven)
                                  "enable=1\n"));
     EXPECT_EQ(played.result.passed, 5U) << played.text;
     EXPECT_EQ(played.result.failed, 0U) << played.text;
+}
+
+TEST(Player, SaysWhatDidNothing)
+{
+    const struct {
+        const char *lines;
+        const char *said;
+    } told[] = {
+        {"start\n", "it runs already"},
+        {"reconnect 4 type=2\n", "database 4 was not lost"},
+        {"disconnect 4\ndisconnect 4\n", "has lost database 4 already"},
+        {"stop\nkill\n", "it does not run"},
+        {"for n 1..65\nfault kt_mom_set nth=90 code=-5\ndone\n", "64 planned faults are still"},
+        {"pcap 3 " VVLAN_SOURCE_DIR "/sim/scenarios/phone.pcap\n", "0:00.080  port 3    out: "},
+        {"level 0\nrestart\n+1s shell show-zlog-level\n", "KTDF_ZLOG_LV_FATAL"},
+    };
+    for (const auto &each : told)
+        EXPECT_THAT(play(std::string(CONFIGURED) + each.lines).text, HasSubstr(each.said));
+    EXPECT_EQ(play("for n 1..65\nfault kt_mom_set nth=90 code=-5\ndone\n").result.failed, 1U);
 }
 
 /* A program that says more than the log keeps, in two lives. */

@@ -1,12 +1,12 @@
 #include "sim/player_script.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <charconv>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <sstream>
 
 #include "sim/player_command.h"
 #include "sim/player_text.h"
@@ -35,6 +35,19 @@ struct Loop {
     std::vector<SourceLine> body;
 };
 
+/* A line in which values stand for variables, and where its parts come from. */
+struct Substituted {
+    struct Part {
+        size_t at;     /* in the text */
+        size_t source; /* in the line as written */
+        bool is_value; /* all of it stands for the one `${` */
+    };
+    std::string text;
+    std::vector<Part> parts;
+
+    size_t source_column(size_t column) const;
+};
+
 class Reader
 {
 public:
@@ -52,6 +65,7 @@ private:
     void take(const SourceLine &source);
     void open_loop(Cursor &cursor);
     void close_loop(Cursor &cursor);
+    void add_turn(const SourceLine &source, const std::string &variable, uint64_t value);
     void add_step(const SourceLine &source);
     Micros read_time(Cursor &cursor);
 
@@ -63,7 +77,7 @@ private:
 };
 
 std::string without_comment(std::string_view line);
-std::string with_variable(const std::string &text, const std::string &name, uint64_t value);
+Substituted with_variable(const std::string &text, const std::string &name, uint64_t value);
 std::string variable_text(std::string_view inside, std::string_view name, uint64_t value,
                           size_t column);
 
@@ -98,16 +112,18 @@ std::optional<Script> script_load(const std::string &file, ScriptError *error)
     }
     errno = 0;
     std::ifstream stream(file, std::ios::binary);
-    std::ostringstream text;
-    if (!stream || !(text << stream.rdbuf() || stream.peek() == EOF)) {
+    std::string text(MOST_BYTES + 1, '\0'); /* no more is read, however long the file is */
+    stream.read(text.data(), static_cast<std::streamsize>(text.size()));
+    if (!stream.eof() && !stream.good()) {
         *error = {0, 0, std::string("cannot be read: ") + std::strerror(errno == 0 ? EIO : errno)};
         return std::nullopt;
     }
-    if (text.view().size() > MOST_BYTES) {
+    text.resize(static_cast<size_t>(stream.gcount()));
+    if (text.size() > MOST_BYTES) {
         *error = {0, 0, "is longer than 1 MiB, which no scenario is"};
         return std::nullopt;
     }
-    return script_parse(file, text.view(), error);
+    return script_parse(file, text, error);
 }
 
 namespace
@@ -175,22 +191,35 @@ void Reader::close_loop(Cursor &cursor)
     for (uint64_t turn = loop.first; turn <= loop.last; turn++) {
         for (const SourceLine &source : loop.body) {
             line_ = source.number;
-            add_step({source.number, with_variable(source.text, loop.variable, turn)});
+            add_turn(source, loop.variable, turn);
         }
     }
     line_ = line;
 }
 
+/* A line with the loop's value in it; a refusal names the column in the file. */
+void Reader::add_turn(const SourceLine &source, const std::string &variable, uint64_t value)
+{
+    const Substituted turn = with_variable(source.text, variable, value);
+    try {
+        add_step({source.number, turn.text});
+    } catch (const Refusal &refusal) {
+        throw Refusal{turn.source_column(refusal.column), refusal.expected};
+    }
+}
+
 void Reader::add_step(const SourceLine &source)
 {
+    if (script_.steps.size() == MOST_STEPS)
+        throw Refusal{1, "an end: a scenario has at most 65536 steps"};
     Cursor cursor(source.text);
     when_ = read_time(cursor);
     if (cursor.at_end()) {
         script_.steps.push_back({source.number, when_, "", [](Stage &) {}});
         return;
     }
-    if (script_.steps.size() == MOST_STEPS)
-        throw Refusal{1, "an end: a scenario has at most 65536 steps"};
+    if (cursor.peek() == "for" || cursor.peek() == "done")
+        throw Refusal{cursor.column(), "a command; `for` and `done` stand without a time"};
     const std::string text = source.text.substr(cursor.column() - 1);
     auto run = command_parse(cursor, context_);
     cursor.end();
@@ -229,20 +258,33 @@ std::string without_comment(std::string_view line)
 }
 
 /* Puts the variable's value in: ${n}, ${n+100}, ${n:x} (two hexadecimal digits). */
-std::string with_variable(const std::string &text, const std::string &name, uint64_t value)
+Substituted with_variable(const std::string &text, const std::string &name, uint64_t value)
 {
-    std::string result;
+    Substituted result;
+    const auto add = [&result](std::string_view part, size_t source, bool is_value) {
+        result.parts.push_back({result.text.size(), source, is_value});
+        result.text += part;
+    };
     size_t from = 0;
     for (size_t at; (at = text.find("${", from)) != std::string::npos;) {
         const size_t end = text.find('}', at);
         if (end == std::string::npos)
             throw Refusal{at + 1, "`}` after `${`"};
-        result += text.substr(from, at - from);
         const std::string_view inside = std::string_view(text).substr(at + 2, end - at - 2);
-        result += variable_text(inside, name, value, at + 3);
+        add(std::string_view(text).substr(from, at - from), from, false);
+        add(variable_text(inside, name, value, at + 3), at, true);
         from = end + 1;
     }
-    return result + text.substr(from);
+    add(std::string_view(text).substr(from), from, false);
+    return result;
+}
+
+size_t Substituted::source_column(size_t column) const
+{
+    const size_t at = column - 1;
+    const auto after = std::ranges::upper_bound(parts, at, {}, &Part::at);
+    const Part &part = *std::prev(after); /* the first part is at 0 */
+    return 1 + part.source + (part.is_value ? 0 : at - part.at);
 }
 
 std::string variable_text(std::string_view inside, std::string_view name, uint64_t value,

@@ -59,6 +59,14 @@ std::string refusal(const std::string &scenario)
     return sim::script_error_text("x", error).substr(2);
 }
 
+std::string repeated(const std::string &line, size_t times)
+{
+    std::string text;
+    for (size_t count = 0; count < times; count++)
+        text += line;
+    return text;
+}
+
 TEST(Parser, RefusesWithLineAndColumn)
 {
     const struct {
@@ -100,6 +108,9 @@ TEST(Parser, RefusesWithLineAndColumn)
         {"end x", "1:5: expected the name of an open watch"},
         {"for n 1..3\nstart\n", "1:1: expected `done`"},
         {"for n 3..1\ndone\n", "1:7: expected a range"},
+        {"for number 10..12\nport ${number} phyid=${number} pvid=x\ndone\n", "2:37: expected VLAN"},
+        {"for number 4095..4096\nport 3 phyid=1 pvid=${number} x\ndone\n", "2:21: expected VLAN"},
+        {"5s for n 1..3\n", "1:4: expected a command; `for` and `done` stand without a time"},
         {"for n 1..2\n  unplug ${m}\ndone\n", "2:12: expected the loop's variable"},
         {"fault kt_mom_set nth=1 code=x", "1:29: expected a number"},
         {"fault kt_mom_sett nth=1 code=-5", "1:7: expected the name of a platform function"},
@@ -148,6 +159,10 @@ TEST(Parser, SaysWhatIsWrongWithTheFile)
               "/nowhere/x.scn: cannot be read: No such file or directory");
     EXPECT_FALSE(sim::script_load("/", &error));
     EXPECT_THAT(sim::script_error_text("/", error), HasSubstr("is a directory"));
+    EXPECT_FALSE(sim::script_load("/dev/zero", &error));
+    EXPECT_THAT(sim::script_error_text("/dev/zero", error), HasSubstr("is longer than 1 MiB"));
+    EXPECT_EQ(refusal(repeated("1s\n", 65'536)), "");
+    EXPECT_THAT(refusal(repeated("1s\n", 65'537)), HasSubstr("at most 65536 steps"));
 
     std::string why;
     EXPECT_FALSE(sim::capture_load("/dev/null", &why));

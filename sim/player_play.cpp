@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "sim/player_stage.h"
+#include "sim/player_text.h"
 #include "sim/sim_host.h"
 #include "sim/sim_shell.h"
 #include "sim/sim_world.h"
@@ -104,7 +105,7 @@ void dump_tables(Stage &stage)
                                 "dump_all_port", "dump_all_mac", "dump_recover_entry"}) {
         std::string output;
         shell_run(command, &output, nullptr);
-        stage.print(std::string("\n# ") + command + "\n" + output);
+        stage.print(std::string("\n# ") + command + "\n" + text_printable(output));
     }
 }
 

@@ -7,6 +7,7 @@
 #include "mom/kt_mom_peer.h"
 #include "object/object.h"
 #include "sim/player_object.h"
+#include "sim/player_text.h"
 #include "sim/sim_call.h"
 #include "sim/sim_log.h"
 #include "sim/sim_mom.h"
@@ -104,7 +105,7 @@ void print_line(Stage &stage, std::string_view who, std::string_view what)
     std::string text = head;
     while (!what.empty()) {
         const size_t length = what.find('\n');
-        text += without_addresses(what.substr(0, length)) + '\n';
+        text += text_printable(without_addresses(what.substr(0, length))) + '\n';
         what.remove_prefix(length == std::string_view::npos ? what.size() : length + 1);
         if (!what.empty())
             text += std::string(TEXT_COLUMN, ' ');

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <charconv>
+#include <cstdio>
 
 namespace sim
 {
@@ -12,6 +13,8 @@ constexpr std::string_view BLANKS = " \t\r";
 
 /* One number of a duration with its unit; advances `text` past both. */
 std::optional<Micros> take_part(std::string_view &text);
+/* The length of the printable character that the text begins with; 0: there is none. */
+size_t printable_length(std::string_view text);
 } // namespace
 
 bool Cursor::at_end()
@@ -162,6 +165,22 @@ Micros text_duration(std::string_view text, size_t column, const char *expected)
     return sum;
 }
 
+std::string text_printable(std::string_view text)
+{
+    std::string result;
+    while (!text.empty()) {
+        const size_t length = printable_length(text);
+        if (length == 0) {
+            char escaped[5];
+            std::snprintf(escaped, sizeof escaped, "\\x%02X", static_cast<uint8_t>(text[0]));
+            result += escaped;
+        }
+        result += text.substr(0, length);
+        text.remove_prefix(std::max<size_t>(length, 1));
+    }
+    return result;
+}
+
 namespace
 {
 
@@ -190,6 +209,26 @@ std::optional<Micros> take_part(std::string_view &text)
         return Micros{count} * unit.length;
     }
     return std::nullopt;
+}
+
+/* The C1 control characters are two bytes in UTF-8: 0xc2 and 0x80 to 0x9f. */
+size_t printable_length(std::string_view text)
+{
+    const auto first = static_cast<uint8_t>(text[0]);
+    if (first < 0x80)
+        return first == '\t' || first == '\n' || (first >= 0x20 && first != 0x7f);
+    const size_t length = first < 0xc2   ? 0
+                          : first < 0xe0 ? 2
+                          : first < 0xf0 ? 3
+                          : first < 0xf5 ? 4
+                                         : 0;
+    if (length == 0 || text.size() < length)
+        return 0;
+    const auto follows = [](char letter) { return (static_cast<uint8_t>(letter) & 0xc0) == 0x80; };
+    if (!std::ranges::all_of(text.substr(1, length - 1), follows))
+        return 0;
+    const bool is_control = first == 0xc2 && static_cast<uint8_t>(text[1]) < 0xa0;
+    return is_control ? 0 : length;
 }
 
 } // namespace

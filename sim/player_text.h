@@ -69,6 +69,12 @@ uint64_t text_number(std::string_view text, size_t column, const char *expected,
 std::array<uint8_t, 6> text_mac(std::string_view text, size_t column);
 Micros text_duration(std::string_view text, size_t column, const char *expected);
 
+/*
+ * What can be shown on a terminal: UTF-8 as it is, and \xHH for each byte of
+ * what is not and for control characters but tab and line feed.
+ */
+std::string text_printable(std::string_view text);
+
 } // namespace sim
 
 #endif

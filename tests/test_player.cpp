@@ -14,6 +14,7 @@
 #include "platform/kt_zlog.h"
 #include "sim/player_capture.h"
 #include "sim/player_play.h"
+#include "sim/player_text.h"
 #include "sim/sim_process.h"
 
 namespace
@@ -167,6 +168,22 @@ TEST(Parser, SaysWhatIsWrongWithTheFile)
     std::string why;
     EXPECT_FALSE(sim::capture_load("/dev/null", &why));
     EXPECT_NE(why, "");
+}
+
+/* Logs hold the bytes of addresses; none of them may move a terminal's cursor. */
+TEST(Text, IsPrintable)
+{
+    const std::pair<std::string, const char *> texts[] = {
+        {"a\tb\n", "a\tb\n"},
+        {std::string("\x1b[2J\r\0\x7f", 7), "\\x1B[2J\\x0D\\x00\\x7F"},
+        {"PI\xef\xbc\x81", "PI\xef\xbc\x81"},
+        {"\xc2\x9b\xc2\xa7", "\\xC2\\x9B\xc2\xa7"},
+        {"\xff\xc0\x80\xe2\x82", "\\xFF\\xC0\\x80\\xE2\\x82"},
+    };
+    for (const auto &[text, shown] : texts)
+        EXPECT_EQ(sim::text_printable(text), shown);
+    const Played played = play("shell \x1b[2J\n");
+    EXPECT_THAT(played.text, HasSubstr("shell     \\x1B[2J"));
 }
 
 constexpr char CONFIGURED[] =

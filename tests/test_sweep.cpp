@@ -59,7 +59,7 @@ sim::Script actions_of(const std::string &name, sim::Micros until)
     std::erase_if(script->steps, [until](const sim::Step &step) {
         if (step.when > until)
             return true;
-        for (const char *word : {"expect ", "always ", "end ", "fault "}) {
+        for (const char *word : {"expect ", "always ", "never ", "end ", "fault "}) {
             if (step.text.starts_with(word))
                 return true;
         }
@@ -188,6 +188,9 @@ uint64_t sweep(const std::string &scenario, sim::Micros until)
     EXPECT_TRUE(plain[0].running && plain[1].running);
     uint64_t plays = 0;
     for (const auto &[name, most] : plain[1].counts) {
+        sim::ScriptError error{};
+        EXPECT_TRUE(sim::script_parse("x", "expect calls " + name + " 0", &error))
+            << "the player does not know " << name;
         const auto low = plain[0].counts.find(name);
         const uint64_t at_low = low == plain[0].counts.end() ? 0 : low->second;
         for (uint64_t nth = 1; nth <= std::max(most, at_low); nth++) {

@@ -221,7 +221,7 @@ std::string switch_word(Cursor &cursor)
 {
     constexpr const char *WORD = "trapped, member=VID, acl=none, acl=ID,ID... or macs=N";
     const size_t column = cursor.column();
-    const std::string word = cursor.word(WORD);
+    std::string word = cursor.word(WORD);
     if (word == "trapped" || word == "acl=none")
         return word;
     const size_t from = word.find('=') + 1;

@@ -87,7 +87,7 @@ std::string function_parse(Cursor &cursor)
     constexpr const char *FUNCTION = "the name of a platform function, such as kt_mom_set, or "
                                      "malloc";
     const size_t column = cursor.column();
-    const std::string name = cursor.word(FUNCTION);
+    std::string name = cursor.word(FUNCTION);
     if (std::ranges::find(FUNCTIONS, name) == std::end(FUNCTIONS))
         throw Refusal{column, FUNCTION};
     return name;

@@ -1,6 +1,7 @@
 #include "app/proc/udp_vvlan_mac.h"
 
 #include <algorithm>
+#include <cassert>
 #include <cstring>
 
 #include "app/proc/udp_vvlan.h"
@@ -126,6 +127,7 @@ int udp_vvlan_event_set_mac_noti(kt_global *, const kt_mom_msg *msg, void *ifx_f
 {
     if (udp_vvlan_event_check(UDP_VVLAN_HERE, msg) != 0)
         return UDP_VVLAN_E_MESSAGE;
+    assert(msg != nullptr); /* the check refuses it */
     UDP_VVLAN_LOG_INFO("set_mac_noti: %d", msg->scan_state);
     if (msg->scan_state == KT_MOM_SCAN_OVER) {
         UDP_VVLAN_LOG_INFO("receive a KT_MOM_SCAN_OVER event: %d", msg->scan_state);

@@ -194,7 +194,7 @@ void run_start(Stage &stage)
 {
     if (process_is_running())
         stage_tell(stage, "process", "it runs already");
-    restart_set_limit(10, 60 * SECOND);
+    restart_hold(false);
     process_start();
 }
 
@@ -207,7 +207,7 @@ Run parse_restart(Cursor &, CommandContext &)
 Run parse_stop(Cursor &, CommandContext &)
 {
     return [](Stage &stage) {
-        restart_set_limit(0, 60 * SECOND);
+        restart_hold(true);
         run_signal(stage, SIGTERM);
     };
 }

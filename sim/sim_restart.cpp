@@ -1,5 +1,6 @@
 #include "sim/sim_restart.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <deque>
 #include <utility>
@@ -13,14 +14,16 @@ namespace sim
 namespace
 {
 
+constexpr Micros WINDOW = 60 * SECOND;
+constexpr size_t PROMPT_RESTARTS = 10; /* within the window, before the delay grows */
+constexpr Micros DELAY_MAX = 10 * SECOND;
+
 struct Restart {
     Micros delay = SECOND / 10;
-    uint32_t limit = 10;
-    Micros window = 60 * SECOND;
     int pid = 0; /* that asked to be started again */
     uint64_t count = 0;
     std::deque<Micros> recent; /* restarts within the window */
-    bool has_given_up = false;
+    bool is_held = false;
     std::function<void(const std::string &)> listener;
 };
 
@@ -39,11 +42,14 @@ std::string describe(const Ended &ended)
            std::to_string(ended.status);
 }
 
-bool is_too_fast()
+Micros next_delay()
 {
-    while (!manager.recent.empty() && manager.recent.front() <= now() - manager.window)
+    while (!manager.recent.empty() && manager.recent.front() <= now() - WINDOW)
         manager.recent.pop_front();
-    return manager.recent.size() >= manager.limit;
+    Micros delay = manager.delay;
+    for (size_t n = PROMPT_RESTARTS; n <= manager.recent.size() && delay < DELAY_MAX; n++)
+        delay = std::min(2 * delay, DELAY_MAX);
+    return delay;
 }
 
 } // namespace
@@ -53,20 +59,14 @@ void restart_set_delay(Micros delay)
     manager.delay = delay;
 }
 
-void restart_set_limit(uint32_t count, Micros window)
+void restart_hold(bool held)
 {
-    manager.limit = count;
-    manager.window = window;
+    manager.is_held = held;
 }
 
 uint64_t restart_count()
 {
     return manager.count;
-}
-
-bool restart_has_given_up()
-{
-    return manager.has_given_up;
 }
 
 void restart_listen(std::function<void(const std::string &)> listener)
@@ -79,16 +79,15 @@ void restart_process_ended(const Ended &ended)
     if (!ended.is_program || ended.pid != manager.pid)
         return;
     manager.pid = 0;
-    if (is_too_fast()) {
-        manager.has_given_up = true;
-        say(describe(ended) + "; given up after " + std::to_string(manager.recent.size()) +
-            " restarts in " + std::to_string(manager.window / SECOND) + " s");
+    if (manager.is_held) {
+        say(describe(ended) + "; it stays down");
         return;
     }
-    say(describe(ended) + "; restart in " + std::to_string(manager.delay / 1000) + " ms");
+    const Micros delay = next_delay();
+    say(describe(ended) + "; restart in " + std::to_string(delay / 1000) + " ms");
     manager.recent.push_back(now());
-    post_at(now() + manager.delay, [] {
-        if (process_is_running())
+    post_at(now() + delay, [] {
+        if (manager.is_held || process_is_running())
             return;
         manager.count++;
         process_start();
@@ -115,6 +114,5 @@ int reg_process_exit_action(pid_t pid, int action)
     if (!sim::process_is_current() || pid != sim::process_pid())
         return -ESRCH;
     sim::manager.pid = pid;
-    sim::manager.has_given_up = false;
     return 0;
 }

@@ -3,10 +3,9 @@
  *
  * A process that asked for it (reg_process_exit_action()) is started again when
  * it ends, whatever its status was, after a delay of virtual time. One that
- * ends again and again is not started for ever: when a window of time has seen
- * the allowed number of restarts, the manager gives up and says so. Who starts
- * the program again by hand and has it register gets the manager back, within
- * the same limit.
+ * ends again and again is started ever more slowly: beyond 10 restarts within
+ * 60 s the delay doubles with each, up to 10 s. The manager never gives up; an
+ * operator may hold it, so that a program that was stopped stays down.
  */
 #ifndef SIM_SIM_RESTART_H
 #define SIM_SIM_RESTART_H
@@ -24,14 +23,14 @@ namespace sim
 /* Delay between an end and the start that follows; 100 ms at first. */
 void restart_set_delay(Micros delay);
 
-/* At most `count` restarts within `window`; 10 in 60 s at first. */
-void restart_set_limit(uint32_t count, Micros window);
+/*
+ * Held, the manager starts nothing, not even what waits for its delay; a process
+ * that ends while it is held stays down. Released, it sees to the next end again.
+ */
+void restart_hold(bool held);
 
 /* Restarts since the reset. */
 uint64_t restart_count();
-
-/* Whether the manager has given up on the program. */
-bool restart_has_given_up();
 
 /* Told in a sentence what the manager does; nullptr to stop. One listener. */
 void restart_listen(std::function<void(const std::string &)> listener);

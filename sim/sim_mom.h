@@ -12,7 +12,10 @@
  * delivered in a loop job of its own, in the order of the requests and
  * changes, so that anything can happen between any two. A scan walks its kind
  * in key order, one object a job, and delivers the objects as they are stored
- * when it reaches them. A deletion carries the object as it was last stored.
+ * when it reaches them: a write that the program makes while its scan waits is
+ * seen by that scan. A deletion carries the object as it was last stored. A
+ * program whose connection stays lost for MOM_LEASE counts as gone: its owner
+ * objects in that database are deleted.
  *
  * Limits: 1,048,576 objects a database, 4,096 subscriptions and 65,536 waiting
  * scans a client and database (-ENOSPC beyond); changes waiting for one
@@ -28,6 +31,7 @@
 #include "object/object.h"
 #include "platform/kt_global.h"
 #include "platform/kt_mom.h"
+#include "sim/sim_loop.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -44,6 +48,9 @@ struct MomMeta {
     bool fieldwise;                     /* stored field by field */
     std::optional<uint64_t> owner_life; /* life of the process that owns it, if one does */
 };
+
+/* How long an owner may be silent. */
+constexpr Micros MOM_LEASE = 30 * SECOND;
 
 /* The owner life of an object that the peer owns. */
 constexpr uint64_t MOM_PEER_LIFE = UINT64_MAX;

@@ -45,7 +45,8 @@ void restore_all(size_t database, int type);
 void restore(MomConnection &connection, int type);
 void resynchronise(MomConnection &connection, uint64_t made_before);
 std::shared_ptr<MomSubscription> make(MomConnection &connection, const MomReceiver &receiver);
-void replace(MomSubscription &old, MomSubscription &by);
+std::vector<MomChangePtr> replace(MomSubscription &old, MomSubscription &by);
+void end_leases(size_t database, uint64_t cuts);
 bool is_same(const MomSubscription &one, const MomSubscription &other);
 
 } // namespace
@@ -111,8 +112,9 @@ int mom_subscribe(MomConnection &connection, const MomReceiver &receiver, MomSel
     auto &standing = mom_databases()[connection.database].kinds[made->selector.kind].subscriptions;
     const auto equal = std::find_if(standing.begin(), standing.end(),
                                     [&](const auto &each) { return is_same(*each, *made); });
+    std::vector<MomChangePtr> published;
     if (equal != standing.end()) {
-        replace(**equal, *made);
+        published = replace(**equal, *made);
         standing.erase(equal);
     } else if (connection.subscriptions >= SUBSCRIPTIONS_MAX) {
         return -ENOSPC;
@@ -121,6 +123,8 @@ int mom_subscribe(MomConnection &connection, const MomReceiver &receiver, MomSel
     }
     standing.push_back(made);
     mom_enqueue_start(made);
+    for (MomChangePtr &change : published)
+        mom_enqueue(made, std::move(change), true);
     return 0;
 }
 
@@ -194,10 +198,13 @@ kt_global *mom_peer()
 void mom_disconnect(uint32_t db)
 {
     const std::optional<size_t> place = mom_place_of(db);
-    if (!place || mom_databases()[*place].is_cut_off)
+    if (!place)
+        return;
+    const uint64_t cuts = ++mom_databases()[*place].cuts; /* stops a return on its way */
+    post_at(now() + MOM_LEASE, [place = *place, cuts] { end_leases(place, cuts); });
+    if (mom_databases()[*place].is_cut_off)
         return;
     mom_databases()[*place].is_cut_off = true;
-    mom_databases()[*place].cuts++;
     for (auto &[life, client] : clients.by_life) {
         if (life != MOM_PEER_LIFE)
             lose(client.connections[*place]);
@@ -231,7 +238,8 @@ void mom_process_ended(uint64_t life)
         clients.by_life.erase(client);
     }
     std::erase_if(clients.retired, [life](const auto &node) { return node.key() == life; });
-    mom_store_delete_owned(life);
+    for (size_t database = 0; database < mom_databases().size(); database++)
+        mom_store_delete_owned(database, life);
 }
 
 void mom_reset()
@@ -381,14 +389,34 @@ std::shared_ptr<MomSubscription> make(MomConnection &connection, const MomReceiv
     return made;
 }
 
-/* What the old one has not been told yet and a scan would not show goes to the new one. */
-void replace(MomSubscription &old, MomSubscription &by)
+/*
+ * What the old one has not been told yet and a scan would not show goes to the
+ * new one: deletions, and what was published, which is returned.
+ */
+std::vector<MomChangePtr> replace(MomSubscription &old, MomSubscription &by)
 {
+    std::vector<MomChangePtr> published;
     old.is_replaced = true;
     by.missed = std::move(old.missed);
     for (const MomItem &item : old.connection->queue) {
-        if (item.subscription.get() == &old && item.change->operation == KT_MOM_DEL)
+        if (item.subscription.get() != &old)
+            continue;
+        if (item.change->operation == KT_MOM_DEL)
             by.missed.insert_or_assign(object::key(*item.change->object), item.change);
+        else if (item.change->operation == KT_MOM_PUBLISH)
+            published.push_back(item.change);
+    }
+    return published;
+}
+
+/* Whoever is still cut off from the database counts as gone there. */
+void end_leases(size_t database, uint64_t cuts)
+{
+    if (mom_databases()[database].cuts != cuts || !mom_databases()[database].is_cut_off)
+        return;
+    for (const auto &[life, client] : clients.by_life) {
+        if (life != MOM_PEER_LIFE)
+            mom_store_delete_owned(database, life);
     }
 }
 

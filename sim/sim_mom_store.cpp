@@ -192,16 +192,15 @@ void mom_store_delete_if(MomDatabase &db, const MomSelector &selector,
     }
 }
 
-void mom_store_delete_owned(uint64_t life)
+void mom_store_delete_owned(size_t database, uint64_t life)
 {
-    for (MomDatabase &db : mom_databases()) {
-        for (size_t kind = 0; kind < db.kinds.size(); kind++) {
-            MomSelector every;
-            every.kind = kind;
-            every.selects_all = true;
-            mom_store_delete_if(db, every,
-                                [life](const MomRecord &record) { return record.owner == life; });
-        }
+    MomDatabase &db = mom_databases()[database];
+    for (size_t kind = 0; kind < db.kinds.size(); kind++) {
+        MomSelector every;
+        every.kind = kind;
+        every.selects_all = true;
+        mom_store_delete_if(db, every,
+                            [life](const MomRecord &record) { return record.owner == life; });
     }
 }
 

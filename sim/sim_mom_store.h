@@ -128,7 +128,7 @@ MomRecords::iterator mom_store_next(MomDatabase &db, const MomSelector &selector
 /* Deletes all selected objects for which `condition` holds. */
 void mom_store_delete_if(MomDatabase &db, const MomSelector &selector,
                          const std::function<bool(const MomRecord &)> &condition);
-void mom_store_delete_owned(uint64_t life);
+void mom_store_delete_owned(size_t database, uint64_t life);
 
 /* Whether this life has written the object. */
 bool mom_record_is_own(const MomRecord &record, uint64_t life);

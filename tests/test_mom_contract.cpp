@@ -251,6 +251,25 @@ TEST_F(Contract, SubscriptionStartsThenTellsChangesInOrder)
     EXPECT_THAT(stored(), ElementsAre("set index.ifx=1", "set index.ifx=9"));
 }
 
+TEST_F(Contract, WhatWasPublishedReachesASubscriptionMadeAnew)
+{
+    Seen seen;
+    subscribe(seen);
+    settled(seen);
+    kt_mom_publish(peer, 4, make(PORT, "index.ifx=5"));
+    subscribe(seen);
+    EXPECT_THAT(settled(seen), ElementsAre("resync", "start", "publish index.ifx=5"));
+}
+
+TEST_F(Contract, ALossAfterAReturnInTheSameMomentCounts)
+{
+    p.cut(4);
+    p.restore(4, KT_MOM_RECONNECT_SAME);
+    p.cut(4);
+    p.settle();
+    EXPECT_EQ(kt_mom_set(program, 4, make(PORT, "index.ifx=1"), 0, 0), -ENOTCONN);
+}
+
 TEST_F(Contract, PartialMatchAndUnsubscribe)
 {
     Seen vlan, every;
@@ -433,6 +452,13 @@ TEST_F(Contract, OwnedObjectsGoWithTheirOwner)
     kt_mom_dsend_ow(program, 6, make(OWNED), 0, record, nullptr, 1000);
     EXPECT_THAT(stored(OWNED), ElementsAre("set index.vid=2", "set index.vid=3", "set index.vid=4",
                                            "set index.vid=9"));
+    p.cut(6); /* for longer than the lease: it counts as gone, but what it wrote plainly stays */
+    p.pass(600);
+    p.restore(6, KT_MOM_RECONNECT_SAME);
+    p.settle();
+    EXPECT_THAT(stored(OWNED), ElementsAre("set index.vid=4", "set index.vid=9"));
+    own(program, "index.vid=2");
+    own(program, "index.vid=3");
     kt_mom_del_ow(program, 6, make(OWNED, "index.vid=9"), 0, 0, 1000);
     kt_mom_del_ow(program, 6, make(OWNED, "index.vid=2"), 0, 0, 1000);
     EXPECT_EQ(stored(OWNED).size(), 3U);

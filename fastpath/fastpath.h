@@ -61,7 +61,7 @@ namespace fastpath
 constexpr size_t ACLS_MAX = 64;
 constexpr size_t SYNCS_MAX = 64;
 constexpr size_t ACES_MAX = 1'024;
-constexpr size_t APPLICATIONS_MAX = 65'536;
+constexpr size_t APPLICATIONS_MAX = size_t{3} * 65'536; /* three ACLs on every port */
 
 /* How a frame arrived: the "vlan_form" of an entry. */
 enum Form : uint8_t { FORM_UNTAGGED = 0, FORM_PRIORITY = 1, FORM_TAGGED = 2 };

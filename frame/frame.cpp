@@ -292,22 +292,35 @@ size_t ipv4_at(View bytes)
     return is_ipv4 ? at : 0;
 }
 
-} // namespace
+using Decoder = const char *(*)(View *rest, Frame *frame);
 
-std::optional<Frame> decode(std::span<const uint8_t> bytes, std::string *why)
+std::optional<Frame> decode_by(std::initializer_list<Decoder> decoders, View bytes,
+                               std::string *why)
 {
     Frame frame;
     View rest = bytes;
-    const char *refusal = decode_ethernet(&rest, &frame);
-    if (refusal == nullptr)
-        refusal = decode_packet(&rest, &frame);
-    if (refusal != nullptr) {
+    for (const Decoder decoder : decoders) {
+        const char *refusal = decoder(&rest, &frame);
+        if (refusal == nullptr)
+            continue;
         if (why != nullptr)
             *why = refusal;
         return std::nullopt;
     }
     frame.payload = copy_of(rest);
     return frame;
+}
+
+} // namespace
+
+std::optional<Frame> decode(std::span<const uint8_t> bytes, std::string *why)
+{
+    return decode_by({decode_ethernet, decode_packet}, bytes, why);
+}
+
+std::optional<Frame> decode_link(std::span<const uint8_t> bytes, std::string *why)
+{
+    return decode_by({decode_ethernet}, bytes, why);
 }
 
 Bytes encode(const Frame &frame)

@@ -102,6 +102,12 @@ struct Frame {
 std::optional<Frame> decode(std::span<const uint8_t> bytes, std::string *why = nullptr);
 
 /*
+ * The same for the Ethernet header and the tag alone; what follows them is
+ * payload, whatever it says of itself. A bridge forwards what it cannot read.
+ */
+std::optional<Frame> decode_link(std::span<const uint8_t> bytes, std::string *why = nullptr);
+
+/*
  * Puts a frame together with right lengths and checksums; checksum_ok is not
  * looked at, and of every field only the bits that its header has are taken.
  * Returns no bytes for a frame that cannot be: too long, IPv4 options of an

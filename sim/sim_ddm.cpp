@@ -32,8 +32,8 @@ int look_up(const char *function, const char *name, uint32_t from,
 int libddm_init(kt_global *global, const char *name)
 {
     const sim::PlatformScope scope;
-    if (const int fault =
-            sim::call_enter("libddm_init", [&] { return std::string("name=") + name; }))
+    if (const int fault = sim::call_enter(
+            "libddm_init", [&] { return std::string("name=") + sim::text_or_null(name); }))
         return fault;
     return sim::global_is_open(global) ? 0 : -ENOTCONN;
 }

@@ -124,7 +124,10 @@ std::string ace_text(const fp_udp_acl &acl, const Ace &ace)
 
 fp_udp_field field_make(const char *name, uint32_t kind, const void *value, uint32_t length)
 {
+    const PlatformScope scope;
     fp_udp_field field{};
+    if (call_enter("field_make", [&] { return std::string("name=") + text_or_null(name); }) != 0)
+        return field;
     const size_t name_length = name == nullptr ? 0 : std::strlen(name);
     const bool fits = name_length < sizeof field.name && length <= sizeof field.value;
     field.kind = kind;

@@ -213,6 +213,9 @@ TEST_F(Switch, TheThreeAclsAndTheVlan)
     EXPECT_EQ(sim::switch_peek(2, datagram(PHONE, 7)).action, Verdict::forwarded);
     EXPECT_EQ(sim::switch_peek(2, datagram({1, 0, 0, 0, 0, 1})).why, "multicast source");
     EXPECT_EQ(sim::switch_peek(2, Bytes(9)).why, "Ethernet header is cut off");
+    Bytes cut = datagram(PHONE, 7);
+    cut.resize(cut.size() - 3); /* a bridge forwards the packet that it cannot read */
+    EXPECT_EQ(sim::switch_peek(2, cut).action, Verdict::forwarded);
     EXPECT_EQ(sim::switch_peek(3, datagram(PHONE)).why, "no such port");
     hset("p_bridge.vvlan_glb_cfg", "glb_switch.vlan=100");
     EXPECT_EQ(sim::switch_port_text(2), "acl=none macs=0");

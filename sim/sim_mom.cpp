@@ -24,6 +24,7 @@ struct Arguments {
     uint32_t db;
     const ProtobufCMessage *object = nullptr;
     uint32_t match = 0;
+    uint32_t flag = 0;
     uint64_t expire = 0;
     uint64_t wait = 0;
     std::span<const uint32_t> fields = {};
@@ -257,7 +258,7 @@ int kt_mom_scan_sync(kt_global *global, uint32_t db, const ProtobufCMessage *obj
 int kt_mom_set(kt_global *global, uint32_t db, const ProtobufCMessage *object, uint32_t flag,
                uint64_t expire)
 {
-    return set("kt_mom_set", global, {.db = db, .object = object, .match = flag, .expire = expire},
+    return set("kt_mom_set", global, {.db = db, .object = object, .flag = flag, .expire = expire},
                false);
 }
 
@@ -265,14 +266,14 @@ int kt_mom_setow(kt_global *global, uint32_t db, const ProtobufCMessage *object,
                  uint64_t expire, uint64_t wait)
 {
     return set("kt_mom_setow", global,
-               {.db = db, .object = object, .match = flag, .expire = expire, .wait = wait}, true);
+               {.db = db, .object = object, .flag = flag, .expire = expire, .wait = wait}, true);
 }
 
 int kt_mom_del(kt_global *global, uint32_t db, const ProtobufCMessage *key, uint32_t flag,
                uint64_t expire)
 {
     return serve_object("kt_mom_del", global,
-                        {.db = db, .object = key, .match = flag, .expire = expire},
+                        {.db = db, .object = key, .flag = flag, .expire = expire},
                         [](const MomConnection &connection, const MomAddress &at) {
                             mom_store_delete(database_of(connection), at.kind, at.key);
                             return 0;
@@ -284,7 +285,7 @@ int kt_mom_del_ow(kt_global *global, uint32_t db, const ProtobufCMessage *key, u
 {
     return serve_template(
         "kt_mom_del_ow", global,
-        {.db = db, .object = key, .match = flag, .expire = expire, .wait = wait}, Needs::connection,
+        {.db = db, .object = key, .flag = flag, .expire = expire, .wait = wait}, Needs::connection,
         [](const MomConnection &connection, const MomSelector &selector) {
             mom_store_delete_if(database_of(connection), selector, [&](const MomRecord &record) {
                 return record.owner == connection.life;
@@ -297,7 +298,7 @@ int kt_mom_clear_expire(kt_global *global, uint32_t db, const ProtobufCMessage *
                         uint64_t expire)
 {
     return serve_object("kt_mom_clear_expire", global,
-                        {.db = db, .object = key, .match = flag, .expire = expire},
+                        {.db = db, .object = key, .flag = flag, .expire = expire},
                         [](const MomConnection &connection, const MomAddress &at) {
                             if (MomRecord *record = mom_store_find(database_of(connection), at))
                                 record->section = 0;
@@ -414,6 +415,8 @@ std::string arguments_text(const Arguments &arguments)
     std::string text = "db=" + std::to_string(arguments.db);
     if (arguments.match != 0)
         text += " match=" + std::to_string(arguments.match);
+    if (arguments.flag != 0)
+        text += " flag=" + std::to_string(arguments.flag);
     if (arguments.expire != 0)
         text += " expire=" + std::to_string(arguments.expire);
     if (arguments.wait != 0)

@@ -46,7 +46,7 @@ void restore(MomConnection &connection, int type);
 void resynchronise(MomConnection &connection, uint64_t made_before);
 std::shared_ptr<MomSubscription> make(MomConnection &connection, const MomReceiver &receiver);
 std::vector<MomChangePtr> replace(MomSubscription &old, MomSubscription &by);
-void end_leases(size_t database, uint64_t cuts);
+void end_leases(size_t database);
 bool is_same(const MomSubscription &one, const MomSubscription &other);
 
 } // namespace
@@ -200,11 +200,13 @@ void mom_disconnect(uint32_t db)
     const std::optional<size_t> place = mom_place_of(db);
     if (!place)
         return;
-    const uint64_t cuts = ++mom_databases()[*place].cuts; /* stops a return on its way */
-    post_at(now() + MOM_LEASE, [place = *place, cuts] { end_leases(place, cuts); });
-    if (mom_databases()[*place].is_cut_off)
+    MomDatabase &cut = mom_databases()[*place];
+    cut.cuts++; /* stops a return on its way */
+    if (cut.is_cut_off)
         return;
-    mom_databases()[*place].is_cut_off = true;
+    cut.is_cut_off = true;
+    cut.cut_since = now();
+    post_at(now() + MOM_LEASE, [place = *place] { end_leases(place); });
     for (auto &[life, client] : clients.by_life) {
         if (life != MOM_PEER_LIFE)
             lose(client.connections[*place]);
@@ -410,9 +412,10 @@ std::vector<MomChangePtr> replace(MomSubscription &old, MomSubscription &by)
 }
 
 /* Whoever is still cut off from the database counts as gone there. */
-void end_leases(size_t database, uint64_t cuts)
+void end_leases(size_t database)
 {
-    if (mom_databases()[database].cuts != cuts || !mom_databases()[database].is_cut_off)
+    const MomDatabase &db = mom_databases()[database];
+    if (!db.is_cut_off || now() - db.cut_since < MOM_LEASE)
         return;
     for (const auto &[life, client] : clients.by_life) {
         if (life != MOM_PEER_LIFE)

@@ -66,7 +66,8 @@ struct MomDatabase {
     std::vector<std::shared_ptr<MomSubscription>> watchers;
     size_t objects = 0;
     bool is_cut_off = false; /* from the process */
-    uint64_t cuts = 0;       /* counts losses and returns, to tell stale jobs */
+    uint64_t cuts = 0;       /* counts losses, to tell a return that came before one */
+    Micros cut_since = 0;    /* when it was cut off last */
 };
 
 constexpr size_t MOM_DATABASES = 4;

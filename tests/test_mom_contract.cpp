@@ -39,6 +39,7 @@ struct Platform {
         sim::mom_process_ended(life);
         sim::global_process_ended(life);
     }
+    int64_t lease = sim::MOM_LEASE / sim::SECOND;
     void (&reset)() = sim::world_reset;
     void (&settle)() = sim::settle; /* until quiet */
     void (&cut)(uint32_t db) = sim::mom_disconnect;
@@ -452,8 +453,19 @@ TEST_F(Contract, OwnedObjectsGoWithTheirOwner)
     kt_mom_dsend_ow(program, 6, make(OWNED), 0, record, nullptr, 1000);
     EXPECT_THAT(stored(OWNED), ElementsAre("set index.vid=2", "set index.vid=3", "set index.vid=4",
                                            "set index.vid=9"));
-    p.cut(6); /* for longer than the lease: it counts as gone, but what it wrote plainly stays */
-    p.pass(600);
+    for (const int64_t seconds : {p.lease - 1, p.lease - 1}) {
+        p.cut(6);
+        p.pass(seconds);
+        p.restore(6, KT_MOM_RECONNECT_SAME);
+        p.settle();
+    }
+    EXPECT_EQ(stored(OWNED).size(), 4U) << "each time it was back before the lease had run out";
+    p.cut(6);
+    p.pass(p.lease - 1);
+    p.cut(6); /* lost already: the lease runs on */
+    p.pass(1);
+    EXPECT_THAT(stored(OWNED), ElementsAre("set index.vid=4", "set index.vid=9"))
+        << "it counts as gone, but what it wrote plainly stays";
     p.restore(6, KT_MOM_RECONNECT_SAME);
     p.settle();
     EXPECT_THAT(stored(OWNED), ElementsAre("set index.vid=4", "set index.vid=9"));
@@ -571,10 +583,12 @@ TEST_F(Contract, CallsOfTheProgramAreRecordedAndMeetFaults)
     EXPECT_EQ(kt_mom_get_sync(program, 4, make(PORT, "index.ifx=3"), &status), nullptr);
     EXPECT_EQ(status, -12);
     kt_mom_dsbegin(program, 4, make(PORT), 0, 1000, record, nullptr);
-    ASSERT_EQ(sim::calls().size(), 3U);
+    kt_mom_del(program, 4, make(PORT, "index.ifx=3"), 2, 0);
+    ASSERT_EQ(sim::calls().size(), 4U);
     EXPECT_EQ(sim::calls()[0].arguments, "db=4 object=p_bridge.vvlan_port_cfg index.ifx=3 mode=1");
     EXPECT_EQ(sim::calls()[2].arguments,
               "db=4 expire=1000 object=p_bridge.vvlan_port_cfg index.ifx=0");
+    EXPECT_EQ(sim::calls()[3].arguments, "db=4 flag=2 object=p_bridge.vvlan_port_cfg index.ifx=3");
 }
 
 int leave(kt_global *, const kt_mom_msg *, void *)

@@ -24,6 +24,7 @@ struct Restart {
     uint64_t count = 0;
     std::deque<Micros> recent; /* restarts within the window */
     bool is_held = false;
+    uint64_t planned = 0; /* which start still counts; a hold takes it back */
     std::function<void(const std::string &)> listener;
 };
 
@@ -62,6 +63,7 @@ void restart_set_delay(Micros delay)
 void restart_hold(bool held)
 {
     manager.is_held = held;
+    manager.planned++;
 }
 
 uint64_t restart_count()
@@ -86,8 +88,8 @@ void restart_process_ended(const Ended &ended)
     const Micros delay = next_delay();
     say(describe(ended) + "; restart in " + std::to_string(delay / 1000) + " ms");
     manager.recent.push_back(now());
-    post_at(now() + delay, [] {
-        if (manager.is_held || process_is_running())
+    post_at(now() + delay, [planned = ++manager.planned] {
+        if (manager.planned != planned || process_is_running())
             return;
         manager.count++;
         process_start();

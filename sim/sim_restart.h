@@ -24,8 +24,9 @@ namespace sim
 void restart_set_delay(Micros delay);
 
 /*
- * Held, the manager starts nothing, not even what waits for its delay; a process
- * that ends while it is held stays down. Released, it sees to the next end again.
+ * Held, the manager starts nothing; a process that ends while it is held stays
+ * down. A start that waits for its delay is taken back by either call. Released,
+ * it sees to the next end again.
  */
 void restart_hold(bool held);
 

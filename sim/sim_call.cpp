@@ -35,6 +35,8 @@ struct Record {
     std::vector<Call> calls;
     std::vector<Plan> plans;
     std::function<void(const Call &)> listener;
+    std::function<void()> hook;
+    bool hook_runs = false;
 };
 
 Record record;
@@ -65,7 +67,8 @@ Counter &counter_for(const std::string &name)
     if (Counter *known = find_counter(name))
         return *known;
     names.push_back(name);
-    return counters.emplace_back(Counter{names.back().c_str(), 0, call_detail::is_recording});
+    return counters.emplace_back(
+        Counter{names.back().c_str(), 0, call_detail::is_recording || record.hook != nullptr});
 }
 
 void watch_what_matters()
@@ -73,6 +76,7 @@ void watch_what_matters()
     each_counter([](Counter &counter) {
         counter.is_watched =
             call_detail::is_recording ||
+            (record.hook != nullptr && &counter != &call_detail::allocations) ||
             std::any_of(record.plans.begin(), record.plans.end(), [&counter](const Plan &plan) {
                 return plan.counter == &counter && !plan.is_spent();
             });
@@ -97,6 +101,27 @@ void remember(Call call)
         const std::function<void(const Call &)> listener = record.listener;
         listener(record.calls.back());
     }
+}
+
+void run_hook()
+{
+    if (record.hook == nullptr || record.hook_runs)
+        return;
+    record.hook_runs = true;
+    const std::function<void()> hook = record.hook; /* it may set another */
+    hook();
+    record.hook_runs = false;
+}
+
+/* What a call that was just counted meets. */
+int meet(const Counter &counter, const std::string &arguments)
+{
+    const int fault = fault_of(counter);
+    if (call_detail::is_recording)
+        remember({now(), counter.name, arguments, fault});
+    else if (fault != 0)
+        watch_what_matters();
+    return fault;
 }
 
 } // namespace
@@ -127,19 +152,15 @@ Counter &counter_of(const char *name)
 
 int enter_watched(Counter &counter, const std::string &arguments)
 {
-    const int fault = fault_of(counter);
-    if (is_recording)
-        remember({now(), counter.name, arguments, fault});
-    else if (fault != 0)
-        watch_what_matters();
-    return fault;
+    run_hook();
+    counter.count++;
+    return meet(counter, arguments);
 }
 
 bool allocation_is_refused(size_t size)
 {
     const PlatformScope scope;
-    return fault_of(allocations) != 0 &&
-           enter_watched(allocations, "size=" + std::to_string(size)) != 0;
+    return fault_of(allocations) != 0 && meet(allocations, "size=" + std::to_string(size)) != 0;
 }
 
 } // namespace call_detail
@@ -187,6 +208,12 @@ void calls_listen(std::function<void(const Call &)> listener)
     record.listener = std::move(listener);
     if (record.listener)
         calls_record(true);
+}
+
+void call_before_each(std::function<void()> hook)
+{
+    record.hook = std::move(hook);
+    watch_what_matters();
 }
 
 void fault_plan(const std::string &name, uint64_t nth, int code, uint64_t repeat)

@@ -54,6 +54,13 @@ std::vector<std::string> calls_names();
 void calls_listen(std::function<void(const Call &)> listener);
 
 /*
+ * Called before each call takes effect, but for allocations; an empty function
+ * to stop. One hook; without it nothing is spent. It may look at everything
+ * and must not end the process; calls that it makes are not announced to it.
+ */
+void call_before_each(std::function<void()> hook);
+
+/*
  * Plans a fault: the nth call (from 1) of `name` from now on fails. `code` is
  * what it returns, 0 standing for -EIO; a function that returns a pointer
  * returns NULL, and a POSIX function -1 with errno set to -code. `repeat`
@@ -66,7 +73,7 @@ void fault_plan(const std::string &name, uint64_t nth, int code, uint64_t repeat
 /* Whether every planned fault has been met. */
 bool faults_are_spent();
 
-/* Forgets counts, record, listener and plans, and switches recording off. */
+/* Forgets counts, record, listener, hook and plans, and switches recording off. */
 void call_reset();
 
 /* Marks, while it lives, that the platform's code runs and not the program's. */
@@ -89,7 +96,7 @@ namespace call_detail
 struct Counter {
     const char *name;
     uint64_t count;
-    bool is_watched; /* the record is on, or a plan for this name stands */
+    bool is_watched; /* the record is on, a hook is set, or a plan for this name stands */
 };
 
 extern bool platform_runs;
@@ -124,9 +131,10 @@ inline PlatformScope::~PlatformScope()
 template <typename Arguments> int call_enter(const char *name, Arguments &&arguments)
 {
     call_detail::Counter &counter = call_detail::counter_of(name);
-    counter.count++;
-    if (!counter.is_watched) [[likely]]
+    if (!counter.is_watched) [[likely]] {
+        counter.count++;
         return 0;
+    }
     const PlatformScope scope;
     return call_detail::enter_watched(counter,
                                       call_detail::is_recording ? arguments() : std::string());

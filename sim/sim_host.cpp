@@ -470,7 +470,11 @@ int __wrap_fcntl64(int fd, int command, ...)
 
 pid_t __wrap_getpid(void)
 {
-    return sim::program_calls() ? sim::process_pid() : __real_getpid();
+    if (!sim::program_calls())
+        return __real_getpid();
+    const sim::PlatformScope scope;
+    const int refused = sim::announce("getpid", [] { return std::string(); });
+    return refused != 0 ? refused : sim::process_pid();
 }
 
 sighandler_t __wrap_signal(int number, sighandler_t handler)

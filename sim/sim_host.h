@@ -6,8 +6,8 @@
  * here (--wrap), and each goes on to the C library unless the simulated
  * process's own code is running; then it meets a file table in memory, which
  * needs no rights, survives a restart of the process and is the same on every
- * run. Descriptors 0 to 2 are the real ones. Each but getpid and exit
- * takes part in fault plans under its own name, calloc under malloc's.
+ * run. Descriptors 0 to 2 are the real ones. Each but exit takes part in fault
+ * plans under its own name, calloc under malloc's.
  *
  * Record locks belong to a pid and cover the whole file, whatever range is
  * named; a shared and an exclusive lock are the same thing here, since one

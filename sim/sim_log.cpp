@@ -8,6 +8,7 @@
 
 #include "platform/kt_zlog.h"
 #include "sim/sim_call.h"
+#include "text/at_format.h"
 
 struct kt_zlog {
     std::string category;
@@ -133,4 +134,24 @@ int ktdf_zlog(kt_zlog *zlog, const char *file, size_t file_length, const char *f
     sim::keep({sim::now(), level, std::string(file, file_length), std::string(func, func_length),
                std::move(text), line, zlog->category});
     return 0;
+}
+
+extern "C" int __wrap_at_snprintf(char *buffer, size_t size, const char *format, ...)
+    KT_PRINTF(3, 4);
+
+/* Formatting is shared by all platforms; what is redirected here is the call. */
+int __wrap_at_snprintf(char *buffer, size_t size, const char *format, ...)
+{
+    const sim::PlatformScope scope;
+    if (sim::call_enter("at_snprintf",
+                        [&] { return std::string("format=") + sim::text_or_null(format); }) != 0) {
+        if (size > 0)
+            *buffer = '\0';
+        return -1;
+    }
+    va_list arguments;
+    va_start(arguments, format);
+    const int length = at_vsnprintf(buffer, size, format, arguments);
+    va_end(arguments);
+    return length;
 }

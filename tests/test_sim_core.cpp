@@ -208,6 +208,13 @@ TEST_F(SimCore, ManagerSlowsDownButNeverGivesUpUnlessHeld)
     restart_hold(true);
     run_until(1200 * SECOND);
     EXPECT_EQ(restart_count(), count) << "not even the one that was under way";
+    restart_hold(false);
+    fault_plan("rdnd_lib_mom_reg", 1, -EIO);
+    process_start();
+    restart_hold(true);
+    restart_hold(false);
+    run_until(1300 * SECOND);
+    EXPECT_FALSE(process_is_running()) << "released within the delay: it was taken back";
 }
 
 TEST_F(SimCore, SecondStartFindsTheLockTaken)
@@ -297,6 +304,50 @@ TEST_F(SimCore, FaultsHitTheNthCallOfAFunctionOrAllocation)
     EXPECT_FALSE(faults_are_spent());
     EXPECT_EQ(kt_global_init("x", nullptr), nullptr);
     EXPECT_EQ(calls_names(), (std::vector<std::string>{"kt_global_init", "malloc", "open"}));
+}
+
+TEST_F(SimCore, PidAndFormatterAreCallsLikeTheOthers)
+{
+    process_run([] {
+        fault_plan("getpid", 2, -EPERM);
+        fault_plan("at_snprintf", 2, -EIO);
+        char text[8] = "before";
+        EXPECT_GT(getpid(), 0);
+        EXPECT_EQ(getpid(), -1);
+        EXPECT_EQ(errno, EPERM);
+        EXPECT_EQ(at_snprintf(text, sizeof text, "%d", 12), 2);
+        EXPECT_STREQ(text, "12");
+        EXPECT_EQ(at_snprintf(text, sizeof text, "%d", 13), -1);
+        EXPECT_STREQ(text, "");
+        EXPECT_EQ(at_snprintf(nullptr, 0, "%d", 123), 3);
+        return 0;
+    });
+    EXPECT_EQ(calls_count("getpid"), 2U);
+    EXPECT_EQ(calls_count("at_snprintf"), 3U);
+}
+
+TEST_F(SimCore, HookComesBeforeEachCall)
+{
+    std::vector<uint64_t> seen;
+    calls_record(true);
+    call_before_each([&seen] {
+        seen.push_back(calls_count("getpid"));
+        EXPECT_EQ(calls_count("getpid"), calls().size());
+        kt_zlog_init("inside"); /* does not come back here */
+        calls_clear();
+    });
+    process_run([] {
+        free(malloc(1));
+        return getpid() > 0 ? 0 : 1;
+    });
+    EXPECT_EQ(seen, (std::vector<uint64_t>{0}));
+    calls_record(false);
+    call_before_each([&seen] { seen.push_back(9); });
+    kt_zlog_init("a");
+    kt_zlog_init("a");
+    call_before_each(nullptr);
+    kt_zlog_init("a");
+    EXPECT_EQ(seen, (std::vector<uint64_t>{0, 9, 9}));
 }
 
 TEST_F(SimCore, ContextsTimersAndRegistrationRefuseWhatIsWrong)

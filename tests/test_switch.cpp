@@ -308,6 +308,8 @@ TEST_F(Switch, ResultsComeLaterInOrder)
     EXPECT_EQ(add_ace(tag, 5, {SOURCE, {"no_such", 1, {0}}}), -EINVAL);
     sim::fault_plan("ace_add", 1, -EBUSY);
     EXPECT_EQ(add_ace(tag, 6, {SOURCE}), -EBUSY);
+    sim::fault_plan("field_make", 2, -ENOMEM);
+    EXPECT_EQ(add_ace(tag, 7, {SOURCE, IN_VOICE}), -EINVAL) << "not an entry that matches more";
     apply(tag, 11);
     sim::fault_plan("ace_alloc", 1, -ENOMEM);
     sim::fault_plan("apply_alloc", 1, -ENOMEM);
@@ -318,12 +320,13 @@ TEST_F(Switch, ResultsComeLaterInOrder)
     EXPECT_EQ(fp_udp_get_mgr(), nullptr);
     EXPECT_THAT(told, ElementsAre());
     sim::settle();
-    EXPECT_THAT(told, ElementsAre("ace 4 -2", "acl 102", "ace 5 -22", "ace 6 -16", "apply 11"));
+    EXPECT_THAT(told, ElementsAre("ace 4 -2", "acl 102", "ace 5 -22", "ace 6 -16", "ace 7 -22",
+                                  "apply 11"));
     fp->acl_create(global, &tag);
     kt_global_finish(global);
     EXPECT_EQ(fp->acl_create(global, &tag), -ENOTCONN);
     sim::settle();
-    EXPECT_EQ(told.size(), 5U) << "nobody is there to be told";
+    EXPECT_EQ(told.size(), 6U) << "nobody is there to be told";
 }
 
 TEST_F(Switch, TreatmentOutlivesTheProcess)
@@ -351,7 +354,9 @@ TEST_F(Switch, TreatmentOutlivesTheProcess)
 TEST_F(Switch, DeviceMap)
 {
     uint32_t out = 77;
-    EXPECT_EQ(libddm_init(global, "test"), 0);
+    sim::calls_record(true);
+    EXPECT_EQ(libddm_init(global, "test") | libddm_init(global, nullptr), 0);
+    EXPECT_EQ(sim::calls().back().arguments, "name=(null)");
     EXPECT_NE(libddm_get_phyid_by_ifx(9, &out), 0);
     EXPECT_NE(libddm_get_ifx_by_phyid(1, &out), 0);
     EXPECT_EQ(out, 77U);

@@ -59,6 +59,9 @@ void stage_judge(Stage &stage, size_t line, const std::string &text, const Outco
 void stage_watch(Stage &stage)
 {
     stage_notice_start(stage);
+    if (stage.is_watching)
+        return;
+    stage.is_watching = true;
     for (Watch &watch : stage.watches) {
         if (watch.failed || (watch.condition.asks_process && process_is_current()))
             continue;
@@ -69,6 +72,7 @@ void stage_watch(Stage &stage)
         watch.failed = true;
         stage_judge(stage, watch.line, watch.text, outcome);
     }
+    stage.is_watching = false;
 }
 
 void stage_notice_start(Stage &stage)
@@ -90,6 +94,7 @@ void stage_listen(Stage &stage, bool trace)
     restart_listen([&stage](const std::string &text) { stage_tell(stage, "restart", text); });
     process_on_end([&stage](const Ended &ended) { tell_end(stage, ended); });
     loop_after_each([&stage] { stage_watch(stage); });
+    call_before_each([&stage] { stage_watch(stage); });
     if (trace)
         calls_listen([&stage](const Call &call) { tell_call(stage, call); });
 }

@@ -73,6 +73,7 @@ struct Stage {
     uint64_t log_told; /* log lines so far; log_lines() has the last of them */
     uint64_t log_from; /* so many of them are forgotten */
     std::vector<Watch> watches;
+    bool is_watching; /* they are being asked; what that calls is not asked about */
 };
 
 /* One line of the timeline: now, who, what. Several lines of text are indented alike. */

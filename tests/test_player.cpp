@@ -242,6 +242,18 @@ TEST(Player, WatchesBetweenJobs)
     EXPECT_THAT(holds.text, Not(HasSubstr("asked 0 times")));
 }
 
+/* ... and one inside a job, between the requests that take the port's ACLs off it. */
+TEST(Player, WatchesInsideAJob)
+{
+    const Played played =
+        play(CONFIGURED + std::string("never between: switch 3 acl=102,100\n"
+                                      "always shown: port 3 MANUAL\n"
+                                      "set 4 p_bridge.vvlan_port_cfg index.ifx=3 enable=0\n"
+                                      "expect switch 3 acl=none\n"));
+    EXPECT_EQ(played.result.failed, 1U) << played.text;
+    EXPECT_THAT(played.text, ContainsRegex("FAILED .*:7: never between"));
+}
+
 /* An object is asked for what is given of it; the rest does not matter. */
 TEST(Player, ComparesWhatIsGiven)
 {

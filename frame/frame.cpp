@@ -292,17 +292,16 @@ size_t ipv4_at(View bytes)
     return is_ipv4 ? at : 0;
 }
 
-using Decoder = const char *(*)(View *rest, Frame *frame);
-
-std::optional<Frame> decode_by(std::initializer_list<Decoder> decoders, View bytes,
-                               std::string *why)
+std::optional<Frame> decode_with(View bytes, bool must_be_whole, std::string *why)
 {
     Frame frame;
     View rest = bytes;
-    for (const Decoder decoder : decoders) {
-        const char *refusal = decoder(&rest, &frame);
-        if (refusal == nullptr)
-            continue;
+    const char *refusal = decode_ethernet(&rest, &frame);
+    if (refusal == nullptr) {
+        const char *unread = decode_packet(&rest, &frame);
+        refusal = must_be_whole ? unread : nullptr;
+    }
+    if (refusal != nullptr) {
         if (why != nullptr)
             *why = refusal;
         return std::nullopt;
@@ -315,12 +314,12 @@ std::optional<Frame> decode_by(std::initializer_list<Decoder> decoders, View byt
 
 std::optional<Frame> decode(std::span<const uint8_t> bytes, std::string *why)
 {
-    return decode_by({decode_ethernet, decode_packet}, bytes, why);
+    return decode_with(bytes, true, why);
 }
 
 std::optional<Frame> decode_link(std::span<const uint8_t> bytes, std::string *why)
 {
-    return decode_by({decode_ethernet}, bytes, why);
+    return decode_with(bytes, false, why);
 }
 
 Bytes encode(const Frame &frame)

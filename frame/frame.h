@@ -102,8 +102,10 @@ struct Frame {
 std::optional<Frame> decode(std::span<const uint8_t> bytes, std::string *why = nullptr);
 
 /*
- * The same for the Ethernet header and the tag alone; what follows them is
- * payload, whatever it says of itself. A bridge forwards what it cannot read.
+ * The same, but only the Ethernet header and the tag can be a reason to refuse:
+ * a bridge forwards what it cannot read. A packet that is at odds with its
+ * headers is taken apart up to the header that is wrong; from there on it is
+ * payload. encode() does not give such a frame back.
  */
 std::optional<Frame> decode_link(std::span<const uint8_t> bytes, std::string *why = nullptr);
 

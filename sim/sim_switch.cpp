@@ -79,9 +79,7 @@ bool arrive(Way *way, std::span<const uint8_t> bytes)
         return end(way, Verdict::dropped, "no such port");
     way->port = &at->second;
     std::string why;
-    std::optional<frame::Frame> decoded = frame::decode(bytes);
-    if (!decoded)
-        decoded = frame::decode_link(bytes, &why);
+    std::optional<frame::Frame> decoded = frame::decode_link(bytes, &why);
     if (!decoded)
         return end(way, Verdict::dropped, why);
     way->frame = std::move(*decoded);

@@ -19,7 +19,8 @@
  * its configuration. The switch stands in for it and reads the configuration.
  *
  * The way of a frame, the same for switch_frame_in() and switch_peek():
- *  1. Decoded; a frame that cannot be, or with a multicast source, is dropped.
+ *  1. Decoded; a frame whose Ethernet header or tag is cut off, or with a
+ *     multicast source, is dropped. What is wrong further in does not matter.
  *  2. On a trapped port, a source that matches an OUI sends it to the CPU.
  *  3. VLAN: its tag's, else what the MAC-VLAN ACL adds (it then leaves
  *     tagged), else the port's pvid (it leaves untagged; a tag with VLAN 0

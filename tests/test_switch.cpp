@@ -216,6 +216,10 @@ TEST_F(Switch, TheThreeAclsAndTheVlan)
     Bytes cut = datagram(PHONE, 7);
     cut.resize(cut.size() - 3); /* a bridge forwards the packet that it cannot read */
     EXPECT_EQ(sim::switch_peek(2, cut).action, Verdict::forwarded);
+    Bytes odd = datagram(PHONE, 7);
+    odd[18 + 20 + 4] = odd[18 + 20 + 5] = 0; /* the UDP length: it is IPv4 all the same */
+    EXPECT_EQ(sim::switch_peek(2, odd).action, Verdict::forwarded);
+    EXPECT_EQ(sim::switch_peek(2, odd).dscp, 0);
     EXPECT_EQ(sim::switch_peek(3, datagram(PHONE)).why, "no such port");
     hset("p_bridge.vvlan_glb_cfg", "glb_switch.vlan=100");
     EXPECT_EQ(sim::switch_port_text(2), "acl=none macs=0");

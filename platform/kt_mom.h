@@ -42,7 +42,7 @@
  * process has itself written since it started; setting an object, or
  * kt_mom_clear_expire(), takes its mark off; end deletes what is still marked
  * and its subscribers get operation 3. `expire` is the safety limit in seconds
- * after which marked objects go even if the section is never closed. A failed
+ * after which marked objects go even if the section is never ended. A failed
  * begin or end is told by the result or, where a callback was given, by a
  * message with `error`. An owner section (_ow) covers the owner objects of the
  * calling process, those it wrote itself included: each of them must be

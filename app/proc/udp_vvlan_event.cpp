@@ -2,7 +2,7 @@
 
 #include "app/proc/udp_vvlan.h"
 #include "app/proc/udp_vvlan_handler.h"
-#include "proto/u_bridge.pb-c.h"
+#include "app/proc/udp_vvlan_recover.h"
 
 namespace
 {
@@ -217,13 +217,9 @@ bool rewrite_membership(const udp_vvlan_where &where, kt_global *global,
 
 bool keep_join_record(const udp_vvlan_where &where, kt_global *global, uint32_t ifx, int *rv)
 {
-    UBridge__VvlanIndex index;
-    u_bridge__vvlan_index__init(&index);
-    index.ifx = ifx;
-    UBridge__VvlanJoin join;
-    u_bridge__vvlan_join__init(&join);
-    join.index = &index;
-    auto clear = [&] { return kt_mom_clear_expire(global, KT_MOM_UDP_DB, &join.base, 0, 0); };
+    udp_vvlan_join_record record;
+    const ProtobufCMessage *join = udp_vvlan_join_record_init(&record, ifx);
+    auto clear = [&] { return kt_mom_clear_expire(global, KT_MOM_UDP_DB, join, 0, 0); };
     if (clear() == 0)
         return true;
     *rv = udp_vvlan_call_again(where, clear);

@@ -4,7 +4,15 @@
 
 #include "app/proc/udp_vvlan.h"
 #include "app/proc/udp_vvlan_event.h"
-#include "proto/u_bridge.pb-c.h"
+
+const ProtobufCMessage *udp_vvlan_join_record_init(udp_vvlan_join_record *record, uint32_t ifx)
+{
+    u_bridge__vvlan_index__init(&record->index);
+    record->index.ifx = ifx;
+    u_bridge__vvlan_join__init(&record->object);
+    record->object.index = &record->index;
+    return &record->object.base;
+}
 
 int udp_vvlan_recover_init(void)
 {
@@ -16,28 +24,20 @@ int udp_vvlan_recover_init(void)
 
 int udp_vvlan_set_vvlan_join(uint32_t is_set, uint32_t ifx)
 {
-    UBridge__VvlanIndex index;
-    u_bridge__vvlan_index__init(&index);
-    index.ifx = ifx;
-    UBridge__VvlanJoin join;
-    u_bridge__vvlan_join__init(&join);
-    join.index = &index;
-    const auto write = [is_set, &join] {
+    udp_vvlan_join_record record;
+    const ProtobufCMessage *join = udp_vvlan_join_record_init(&record, ifx);
+    const auto write = [is_set, join] {
         const auto operation = is_set != 0 ? kt_mom_set : kt_mom_del;
-        return operation(udp_vvlan_global, KT_MOM_UDP_DB, &join.base, 0, 0);
+        return operation(udp_vvlan_global, KT_MOM_UDP_DB, join, 0, 0);
     };
     return write() == 0 ? 0 : udp_vvlan_call_again(UDP_VVLAN_HERE, write);
 }
 
 int udp_vvlan_recover_ds_init(kt_global *global)
 {
-    UBridge__VvlanIndex index;
-    u_bridge__vvlan_index__init(&index);
-    UBridge__VvlanJoin every;
-    u_bridge__vvlan_join__init(&every);
-    every.index = &index;
-    const int rv = kt_mom_scan_sync(global, KT_MOM_UDP_DB, &every.base, KT_MOM_MATCH_EXACT,
-                                    udp_vvlan_recover_vvlan_cfg, nullptr);
+    udp_vvlan_join_record every;
+    const int rv = kt_mom_scan_sync(global, KT_MOM_UDP_DB, udp_vvlan_join_record_init(&every, 0),
+                                    KT_MOM_MATCH_EXACT, udp_vvlan_recover_vvlan_cfg, nullptr);
     if (rv != 0)
         UDP_VVLAN_LOG_ERROR("Assert:<ds> scan vvlan_join failed, rv = %d.", rv);
     else

@@ -20,6 +20,19 @@
 
 #include "app/proc/udp_vvlan_state.h"
 #include "platform/kt_mom.h"
+#include "proto/u_bridge.pb-c.h"
+
+/* The join record of a port as a message, with the index that it points at. */
+struct udp_vvlan_join_record {
+    UBridge__VvlanJoin object;
+    UBridge__VvlanIndex index;
+};
+
+/*
+ * Makes it the record of `ifx`, or with 0 the template of all records. Returns
+ * the message, which lives as long as `record`.
+ */
+const ProtobufCMessage *udp_vvlan_join_record_init(udp_vvlan_join_record *record, uint32_t ifx);
 
 /* Creates the empty table, unless there is one. Returns 0 or, without memory, UDP_VVLAN_E_INSERT.
  */

@@ -3,7 +3,7 @@
 
 packages_run="g++ cmake ninja-build pkg-config protobuf-c-compiler libprotobuf-c-dev
               protobuf-compiler libprotobuf-dev libprotoc-dev libpcap-dev libevent-dev
-              libhiredis-dev libsystemd-dev libcli11-dev nlohmann-json3-dev"
+              libhiredis-dev libsystemd-dev libcli11-dev nlohmann-json3-dev libedit-dev"
 packages_live="$packages_run redis-server"
 packages_test="$packages_live libgtest-dev libgmock-dev"
 packages_coverage="$packages_test gcovr"

@@ -59,6 +59,9 @@ struct Host {
     /* Where the database is, for people. */
     std::function<std::string()> server;
 
+    /* Why the last connection could not be made, as far as the platform knows; or empty. */
+    std::function<std::string()> trouble;
+
     /*
      * Runs the event loop until done() holds, asked after every callback, or
      * `milliseconds` have passed (negative: no limit), or the person

@@ -143,8 +143,9 @@ void Databases::check(int result, const char *verb, uint32_t db,
 
 void Databases::unreachable(uint32_t db, const std::string &why) const
 {
+    const std::string trouble = host.trouble();
     throw Failure{NO_REACH, "cannot reach database " + std::to_string(db) + " at " + host.server() +
-                                ": " + why};
+                                ": " + (trouble.empty() ? why : trouble)};
 }
 
 namespace
@@ -183,10 +184,6 @@ int raise_flag_at_end(kt_global *, const kt_mom_msg *msg, void *user)
 
 std::string reason(int result)
 {
-    if (result == -EACCES || result == -EPERM)
-        return "permission denied: is your user in the group of the socket?";
-    if (result == -ENOENT)
-        return "no server there (is it running?)";
     return std::strerror(result < 0 ? -result : result);
 }
 

@@ -17,6 +17,7 @@
 #include "ctl/ctl.h"
 #include "ctl/ctl_shell.h"
 #include "linux/linux_env.h"
+#include "linux/linux_log.h"
 #include "linux/linux_loop.h"
 
 namespace
@@ -30,10 +31,19 @@ constexpr int HISTORY_MAX = 1000;
 
 bool is_interrupted = false;
 
+/*
+ * What the platform logged: it explains a connection that failed, and is a
+ * note for the person otherwise.
+ */
+constexpr size_t NOTES_MAX = 16;
+std::vector<std::string> notes;
+int take_note(const linux_log_line &line);
+
 /* The environment, after the options were put into it. */
 const linux_env_settings &settings();
 kt_global *open_context();
 std::string server_text();
+std::string trouble_text();
 bool run_loop(const std::function<bool()> &done, int milliseconds);
 long write_now(std::string_view text);
 void converse(const std::vector<std::string> &words,
@@ -48,6 +58,7 @@ int main(int count, char **arguments)
                    std::cerr,
                    open_context,
                    server_text,
+                   trouble_text,
                    run_loop,
                    write_now,
                    [](const std::string &line) {
@@ -55,7 +66,13 @@ int main(int count, char **arguments)
                    },
                    converse,
                    {}};
-    return ctl::ctl_main(count, arguments, host);
+    linux_log_divert(take_note);
+    const int status = ctl::ctl_main(count, arguments, host);
+    if (status != ctl::NO_REACH && status != ctl::USAGE) {
+        for (const std::string &note : notes)
+            std::cerr << "vvlanctl: note: " << note << '\n';
+    }
+    return status;
 }
 
 namespace
@@ -91,6 +108,24 @@ std::string server_text()
     for (const linux_env_variable &variable : linux_env_table()) {
         if (std::strcmp(variable.name, ctl::MOM_VARIABLE) == 0)
             return variable.standard;
+    }
+    return {};
+}
+
+int take_note(const linux_log_line &line)
+{
+    if (line.level >= KTDF_ZLOG_LV_WARN && notes.size() < NOTES_MAX)
+        notes.emplace_back(line.text);
+    return 0;
+}
+
+/* "database 4: not connected: No such file or directory" */
+std::string trouble_text()
+{
+    constexpr std::string_view REASON = "not connected: ";
+    for (auto note = notes.rbegin(); note != notes.rend(); ++note) {
+        if (const size_t at = note->find(REASON); at != std::string::npos)
+            return note->substr(at + REASON.size());
     }
     return {};
 }
@@ -131,16 +166,17 @@ long write_now(std::string_view text)
     return errno == EAGAIN || errno == EINTR ? 0 : -1;
 }
 
+/* The words, and how many of them have been looked at for the word that is being typed. */
 const std::vector<std::string> *completions = nullptr;
+size_t completions_seen = 0;
 
 /* Called by the line editor with state 0, then 1 until it returns NULL. */
 char *next_completion(const char *begun, int state)
 {
-    static size_t at = 0;
     if (state == 0)
-        at = 0;
-    while (completions != nullptr && at < completions->size()) {
-        const std::string &word = (*completions)[at++];
+        completions_seen = 0;
+    while (completions != nullptr && completions_seen < completions->size()) {
+        const std::string &word = (*completions)[completions_seen++];
         if (word.starts_with(begun))
             return ::strdup(word.c_str());
     }

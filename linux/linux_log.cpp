@@ -30,6 +30,7 @@ enum class Sink { unknown, standard_error, journal };
 struct Log {
     std::list<kt_zlog> logs; /* one per category, valid for ever */
     Sink sink = Sink::unknown;
+    int (*take)(const linux_log_line &line) = nullptr; /* instead of the sink */
 };
 Log *the_log; /* never freed, see linux_loop */
 
@@ -81,6 +82,11 @@ int linux_log_write(int level, const char *file, const char *func, long line, co
     std::vsnprintf(text, sizeof text, format, arguments);
     va_end(arguments);
     return write_line({OWN_CATEGORY, file, func, line, level, text});
+}
+
+void linux_log_divert(int (*take)(const linux_log_line &line))
+{
+    log_now().take = take;
 }
 
 kt_zlog *kt_zlog_init(const char *category)
@@ -171,6 +177,8 @@ int write_standard_error(const linux_log_line &line)
 /* A journal that is gone leaves standard error. */
 int write_line(const linux_log_line &line)
 {
+    if (log_now().take != nullptr)
+        return log_now().take(line);
     if (sink_now() == Sink::journal && write_journal(line) == 0)
         return 0;
     return write_standard_error(line);

@@ -48,6 +48,12 @@ std::string linux_log_format(const linux_log_line &line);
 /* Journal priority of a level. */
 int linux_log_priority(int level);
 
+/*
+ * For tools, whose standard error is for people: every line goes to `take`
+ * instead, which returns what the log call does. NULL: as before.
+ */
+void linux_log_divert(int (*take)(const linux_log_line &line));
+
 /* A line of the platform's own: LINUX_LOG(KTDF_ZLOG_LV_WARN, "%s: gone", path); */
 #define LINUX_LOG(level, ...) linux_log_write(level, __FILE__, __func__, __LINE__, __VA_ARGS__)
 

@@ -114,12 +114,14 @@ protected:
     std::string written; /* by write_now */
     size_t room = SIZE_MAX;
     bool shell_is_up = true;
+    std::string trouble;          /* what the platform knows of a failed connection */
     std::function<void()> during; /* what happens while a watch runs */
     kt_global *context = sim::mom_peer();
     ctl::Host host{out,
                    err,
                    [this] { return context; },
                    [] { return std::string("memory:"); },
+                   [this] { return trouble; },
                    [this](const auto &done, int limit) { return run_loop(done, limit); },
                    [this](std::string_view text) {
                        written += text.substr(0, room - std::min(room, written.size()));
@@ -374,7 +376,10 @@ TEST_F(Ctl, SaysWhenTheDatabaseIsAway)
     context = kt_global_init("test", nullptr);
     sim::mom_disconnect(4);
     EXPECT_EQ(run("show"), 3);
-    EXPECT_THAT(err.str(), HasSubstr("cannot reach database 4 at memory:"));
+    EXPECT_THAT(err.str(), HasSubstr("cannot reach database 4 at memory:: Transport endpoint"));
+    trouble = "No such file or directory";
+    EXPECT_EQ(run("port auto 3"), 3);
+    EXPECT_EQ(err.str(), "vvlanctl: cannot reach database 4 at memory:: " + trouble + "\n");
 }
 
 /* Rows as the daemon prints them, blank columns and an index beyond 31 bits included. */

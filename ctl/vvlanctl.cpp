@@ -36,6 +36,7 @@ bool is_interrupted = false;
  * note for the person otherwise.
  */
 constexpr size_t NOTES_MAX = 16;
+constexpr std::string_view NO_CONNECTION = "not connected: ";
 std::vector<std::string> notes;
 int take_note(const linux_log_line &line);
 
@@ -68,8 +69,8 @@ int main(int count, char **arguments)
                    {}};
     linux_log_divert(take_note);
     const int status = ctl::ctl_main(count, arguments, host);
-    if (status != ctl::NO_REACH && status != ctl::USAGE) {
-        for (const std::string &note : notes)
+    for (const std::string &note : notes) {
+        if (note.find(NO_CONNECTION) == std::string::npos) /* the command has told of those */
             std::cerr << "vvlanctl: note: " << note << '\n';
     }
     return status;
@@ -122,10 +123,9 @@ int take_note(const linux_log_line &line)
 /* "database 4: not connected: No such file or directory" */
 std::string trouble_text()
 {
-    constexpr std::string_view REASON = "not connected: ";
     for (auto note = notes.rbegin(); note != notes.rend(); ++note) {
-        if (const size_t at = note->find(REASON); at != std::string::npos)
-            return note->substr(at + REASON.size());
+        if (const size_t at = note->find(NO_CONNECTION); at != std::string::npos)
+            return note->substr(at + NO_CONNECTION.size());
     }
     return {};
 }

@@ -118,6 +118,11 @@ std::string note(Seen *seen, const linux_ddm_pair &pair, size_t line)
     return "";
 }
 
+std::string complaint(const std::string &file, size_t line, const std::string &why)
+{
+    return std::string(file).append(":").append(std::to_string(line)).append(": ").append(why);
+}
+
 } // namespace
 
 linux_ddm_map linux_ddm_parse(std::string_view text, const std::string &file)
@@ -138,7 +143,7 @@ linux_ddm_map linux_ddm_parse(std::string_view text, const std::string &file)
         if (why.empty())
             map.pairs.push_back(std::move(pair));
         else
-            map.complaints.push_back(file + ":" + std::to_string(number) + ": " + why);
+            map.complaints.push_back(complaint(file, number, why));
     }
     return map;
 }

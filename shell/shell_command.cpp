@@ -17,8 +17,7 @@ bool is_word(const char *text)
     if (text == nullptr || *text == '\0')
         return false;
     const std::string_view word = text;
-    return word.size() <= SHELL_NAME_MAX &&
-           word.find_first_of(" \t\r\n") == std::string_view::npos;
+    return word.size() <= SHELL_NAME_MAX && word.find_first_of(" \t\r\n") == std::string_view::npos;
 }
 
 bool is_known_module(const shell_table &table, const char *module)

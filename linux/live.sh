@@ -112,23 +112,27 @@ live_is_other_daemon() {
 
 # The daemon's pid file and debug level lie under /run and /var/tmp, which only
 # root may write and another daemon may use: give it those of its own.
-live_in_own_host() {
-    if unshare -Urm true 2>/dev/null; then
-        # shellcheck disable=SC2016 # expanded by that shell
-        exec unshare -Urm sh -c '
-            mount --bind "$0/run" /run && mount --bind "$0/tmp" /var/tmp && exec "$@"' \
-            "$live_dir" "$@"
-    elif [ "$(id -u)" = 0 ]; then
-        rm -rf "$live_dir/run" && ln -s /run "$live_dir/run" # no way to hide the real one
-        exec "$@"
-    fi
-    echo "This host does not let users make namespaces (unshare -Urm), in which the daemon gets" \
-        "a /run of its own; allow them (sysctl kernel.unprivileged_userns_clone=1, or" \
+live_check_host() {
+    unshare -Urm true 2>/dev/null || [ "$(id -u)" = 0 ] && return 0
+    echo "$0: this host does not let users make namespaces (unshare -Urm), in which the daemon" \
+        "gets a /run of its own; allow them (sysctl kernel.unprivileged_userns_clone=1, or" \
         "kernel.apparmor_restrict_unprivileged_userns=0) or run this as root." >&2
     exit 1
 }
 
+live_in_own_host() {
+    if ! unshare -Urm true 2>/dev/null; then # we are root, and the daemon gets the real ones
+        rm -rf "$live_dir/run" && ln -s /run "$live_dir/run"
+        exec "$@"
+    fi
+    # shellcheck disable=SC2016 # expanded by that shell
+    exec unshare -Urm sh -c '
+        mount --bind "$0/run" /run && mount --bind "$0/tmp" /var/tmp && exec "$@"' \
+        "$live_dir" "$@"
+}
+
 live_start() {
+    live_check_host
     live_dir=$(mktemp -d /tmp/vvlan-live.XXXXXX)
     trap live_stop EXIT
     trap 'exit 130' INT TERM

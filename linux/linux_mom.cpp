@@ -133,11 +133,8 @@ int set(kt_global *global, uint32_t db, const ProtobufCMessage *object, bool is_
         const std::string packed = redis::pack(*object);
         const int error = request_script(
             c, redis::Script::SET, name_of(at),
-            {at.key, is_owner ? "1" : "0", std::to_string(millis_of(expire)), packed});
-        if (error == 0 && is_owner && !c.has_owned) {
-            c.has_owned = true;
-            probe_within(c, 0); /* the lease begins */
-        }
+            {at.key, is_owner ? redis::LEASE : "0", std::to_string(millis_of(expire)), packed});
+        c.has_owned |= is_owner && error == 0;
         if (error == 0 && expire > 0)
             probe_within(c, millis_of(expire));
         return error;

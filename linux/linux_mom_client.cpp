@@ -22,11 +22,10 @@ namespace
 constexpr size_t REQUESTS_MAX = 262'144;
 constexpr int64_t MILLISECOND = 1'000; /* in microseconds, as all times here */
 constexpr int64_t SECOND = 1'000'000;
-constexpr int64_t PATIENCE = 3 * SECOND; /* with a server that does not answer */
-constexpr int64_t PROBE_EVERY = 5 * SECOND;
+constexpr int64_t PATIENCE = 3 * SECOND;    /* with a server that does not answer */
+constexpr int64_t PROBE_EVERY = 5 * SECOND; /* a third of the lease */
 constexpr int64_t BACKOFF_MIN = 10 * MILLISECOND;
 constexpr int64_t BACKOFF_MAX = SECOND;
-constexpr const char *LEASE = "15000"; /* milliseconds; three probes */
 constexpr int64_t FAREWELL = SECOND / 2;
 
 struct Client {
@@ -208,15 +207,15 @@ int ask(Connection &c, redis::Arguments arguments, redis::Reply *answer)
     bool is_answered = false;
     if (!c.is_greeted)
         return -ENOTCONN;
-    const int error = request(c, arguments, [&](redis::Reply reply) {
+    const auto take = [&](redis::Reply reply) {
         is_answered = true;
         *answer = std::move(reply);
-    });
-    if (error != 0)
-        return error;
-    const int64_t deadline = linux_loop_now() + PATIENCE;
+    };
+    request(c, arguments, take, true); /* there is never more than one of these */
+    const int64_t asked_at = linux_loop_now();
     while (!is_answered && c.epoch == epoch) {
-        const int64_t left = deadline - linux_loop_now();
+        const int64_t heard_at = std::max({asked_at, c.command_heard, c.subscriber_heard});
+        const int64_t left = heard_at + PATIENCE - linux_loop_now();
         const std::array<redis::Link *, 2> links = {&c.command, &c.subscriber};
         if (left <= 0)
             lose(c, "no answer in three seconds");
@@ -626,7 +625,7 @@ void tick(Connection &c)
     if (now >= c.probe_at) {
         c.probe_at = now + PROBE_EVERY;
         const auto arguments =
-            script_arguments(c, redis::Script::REAP, "", {c.has_owned ? LEASE : "0"});
+            script_arguments(c, redis::Script::REAP, "", {c.has_owned ? redis::LEASE : "0"});
         request(
             c, arguments, [&c](const redis::Reply &reply) { probed(c, *reply); }, true);
         if (c.is_ready)

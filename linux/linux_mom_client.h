@@ -223,7 +223,7 @@ int request(Connection &c, redis::Arguments arguments, Handler handler = {},
             bool is_needed = false);
 int request_script(Connection &c, redis::Script script, const std::string &kind,
                    std::initializer_list<std::string_view> arguments, Handler handler = {});
-/* Makes a request and waits for its answer. 0, -ENOBUFS or -ENOTCONN. */
+/* Makes a request and waits for its answer. 0 or -ENOTCONN. */
 int ask(Connection &c, redis::Arguments arguments, redis::Reply *answer);
 int ask_script(Connection &c, redis::Script script, const std::string &kind,
                std::initializer_list<std::string_view> arguments, redis::Reply *answer);

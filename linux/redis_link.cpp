@@ -25,7 +25,6 @@ namespace
 
 constexpr size_t READ_CHUNK = 16'384;
 constexpr int READS_A_TURN = 64;
-constexpr size_t WASTE_MAX = 65'536; /* sent bytes that may stay in the buffer */
 
 int connect_unix(const std::string &path);
 int connect_tcp(const Address &address);
@@ -252,7 +251,7 @@ void Link::write_some()
         }
         m_sent += static_cast<size_t>(sent);
     }
-    if (unsent() == 0 || m_sent > WASTE_MAX) {
+    if (m_sent >= unsent() || unsent() == 0) { /* so that each byte is moved about once */
         m_out.erase(0, m_sent);
         m_sent = 0;
     }

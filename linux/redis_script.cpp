@@ -131,14 +131,18 @@ end
 )lua";
 
 constexpr const char *SET = R"lua(
-local key, is_owner, expiry = ARGV[4], ARGV[5] == '1', tonumber(ARGV[6])
+local key, lease, expiry = ARGV[4], tonumber(ARGV[5]), tonumber(ARGV[6])
+local is_owner = lease > 0
 local old = parse(get(kind, key))
 local object = {writers = written(old), owner = is_owner and life or '', fields = '',
                 message = ARGV[7]}
 if old and old.owner ~= object.owner then disown(kind, key, old.owner) end
 put(key, object)
 local member = kind .. '\0' .. key
-if is_owner then call('SADD', 'vvlan:owned:' .. life, member) end
+if is_owner then
+    call('SADD', 'vvlan:owned:' .. life, member)
+    call('ZADD', 'vvlan:leases', now() + lease, life)
+end
 if expiry > 0 then
     call('ZADD', 'vvlan:expiry', now() + expiry, member)
 else

@@ -30,6 +30,7 @@
 #ifndef LINUX_REDIS_SCRIPT_H
 #define LINUX_REDIS_SCRIPT_H
 
+#include <cstddef>
 #include <string>
 
 namespace redis
@@ -39,7 +40,8 @@ namespace redis
  * All take the kind as their one key, and first the channel's prefix ("4:"), the
  * caller's life and how many milliseconds the clock is ahead (tests), then:
  *
- * SET     object key, 1 for an owner write, life of the object in ms or 0, message
+ * SET     object key, lease of an owner write in ms or 0, life of the object in ms
+ *         or 0, message
  * DEL     object key
  * HSET    object key, field numbers as stored, the same as told, numbers of all
  *         fields of the kind, message with the key only, message with the fields
@@ -55,6 +57,9 @@ namespace redis
 enum class Script { SET, DEL, HSET, BEGIN, END, DEL_OW, REAP };
 
 constexpr size_t SCRIPTS = 7;
+
+/* How long an owner may be silent, in milliseconds; as text, for the scripts. */
+constexpr const char *LEASE = "15000";
 
 std::string script_text(Script script);
 

@@ -330,7 +330,8 @@ TEST_F(Contract, SectionRemovesWhatNobodyWanted)
     Seen seen;
     for (const uint32_t ifx : {1U, 2U, 3U, 4U})
         set(port_text(ifx));
-    kt_mom_set(program, 4, make(PORT, "index.ifx=5"), 0, 0);
+    in_effect(program, 4, kt_mom_set(program, 4, make(PORT, "index.ifx=5"), 0, 0));
+    set("index.ifx=5 mode=1"); /* the program has written it all the same */
     subscribe(seen);
     platform_settle();
     seen.take();
@@ -348,7 +349,24 @@ TEST_F(Contract, SectionRemovesWhatNobodyWanted)
     kt_mom_dsbegin(program, 4, make(PORT), 0, 1000, record, nullptr);
     kt_mom_dsend(program, 4, make(PORT), 0, record);
     EXPECT_THAT(unordered(settled(seen)), ElementsAre("del index.ifx=1", "del index.ifx=2"));
-    EXPECT_THAT(stored(), ElementsAre("set index.ifx=5")) << "the program's own";
+    EXPECT_THAT(stored(), ElementsAre("set index.ifx=5 mode=1")) << "the program's own";
+}
+
+TEST_F(Contract, SectionCoversWhatItsTemplateSelects)
+{
+    for (const char *text : {"index.t_fid=7 index.t_mac=00:00:00:00:00:01",
+                             "index.t_fid=7 index.t_type=3 index.t_mac=00:00:00:00:00:02",
+                             "index.t_fid=8 index.t_mac=00:00:00:00:00:01"})
+        set(text, NOTICE);
+    const Made fid = make(NOTICE, "index.t_fid=7");
+    for (const uint32_t match : {KT_MOM_MATCH_EXACT, KT_MOM_MATCH_PARTIAL}) {
+        EXPECT_EQ(stored(NOTICE).size(), 3U) << "no object has just that key";
+        EXPECT_EQ(kt_mom_dsbegin_sync(program, 6, fid, match, 0), 0);
+        kt_mom_dsend(program, 6, fid, match, nullptr);
+        in_effect(program, 6);
+    }
+    EXPECT_THAT(stored(NOTICE), ElementsAre(testing::HasSubstr("t_fid=8")));
+    EXPECT_EQ(kt_mom_dsbegin_sync(program, 6, fid, 1, 0), -EINVAL) << "no such rule";
 }
 
 TEST_F(Contract, OwnedObjectsGoWithTheirOwner)

@@ -566,7 +566,8 @@ void answered(Connection &c, redis::Reply reply)
 /* RESP2: a link that has joined a channel gets PING's answer as an array, else as it is. */
 void heard(Connection &c, redis::Reply reply)
 {
-    c.subscriber_heard = linux_loop_now();
+    if (!c.fences.empty())
+        c.subscriber_heard = linux_loop_now();
     const bool is_array = reply->type == REDIS_REPLY_ARRAY && reply->elements > 0;
     const std::string_view word = redis::text_of(is_array ? *reply->element[0] : *reply);
     if (is_array && word == "message" && reply->elements == 3) {

@@ -193,6 +193,7 @@ struct Connection : std::enable_shared_from_this<Connection> {
     std::vector<SubscriptionPtr> farewells; /* operation 28 that a loss held up */
     size_t subscriptions = 0;
     uint64_t serials = 0;
+    std::unordered_set<size_t> reported; /* digests of what was logged as foreign */
     linux_mom_state counts = {};
 };
 

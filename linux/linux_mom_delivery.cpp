@@ -21,8 +21,6 @@ constexpr size_t REPORTED_MAX = 1'024;
 constexpr size_t DELIVERIES_A_TURN = 512;
 
 size_t limit = QUEUE_LIMIT;
-/* Digests of what was reported; never freed, as the clients. */
-std::unordered_set<size_t> &reported = *new std::unordered_set<size_t>;
 
 bool deliver_one(Connection &c);
 void deliver_to(Connection &c, const SubscriptionPtr &subscription, const ChangePtr &change,
@@ -306,7 +304,8 @@ void report_foreign(Connection &c, size_t kind, std::string_view key)
 {
     c.counts.foreign++;
     const std::string where = c.prefix + kinds()[kind].name + std::string(key);
-    if (reported.size() >= REPORTED_MAX || !reported.insert(std::hash<std::string>()(where)).second)
+    if (c.reported.size() >= REPORTED_MAX ||
+        !c.reported.insert(std::hash<std::string>()(where)).second)
         return;
     std::string name(key);
     if (!key.starts_with('(')) {

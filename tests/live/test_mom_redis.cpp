@@ -444,6 +444,27 @@ TEST_F(MomRedis, ALongScanAndChangesAllTheWhile)
     EXPECT_EQ(view, stored());
 }
 
+/* A page of a megabyte is long on its way; what is deleted meanwhile is told before it is there. */
+TEST_F(MomRedis, AChangeThatOvertakesAPageIsNotUndoneByIt)
+{
+    begin();
+    const char *const kind = "s_cluster.reg_pkt_info";
+    const auto named = [kind](int number) {
+        return make(kind, "index.name=n" + std::to_string(number) + std::string(2'000, 'x'));
+    };
+    for (int i = 0; i < 500; i++)
+        kt_mom_set(peer, 4, named(i), 0, 0);
+    EXPECT_EQ(kt_mom_subscribe(program, 4, make(kind), 0, record, &seen), 0);
+    settle();
+    for (int i = 0; i < 50; i++) {
+        kt_mom_scan(program, 4, make(kind), 0, record, &seen);
+        kt_mom_del(peer, 4, named(i), 0, 0);
+        settle();
+        ASSERT_EQ(view.size(), 500U - static_cast<size_t>(i) - 1);
+        seen.lines.clear();
+    }
+}
+
 TEST_F(MomRedis, AFullRequestQueueIsRefusedAndWhatWasTakenIsWritten)
 {
     begin();

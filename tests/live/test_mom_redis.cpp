@@ -325,14 +325,21 @@ TEST_F(MomRedis, WhatIsNoObjectIsReportedOnceAndPassedOver)
         times++;
     EXPECT_EQ(times, 2U) << "once by each client";
     EXPECT_GT(linux_mom_look(peer, 4).foreign, values.size());
+}
 
-    /* A write puts an object in its place, and a deletion is told with its key. */
+TEST_F(MomRedis, WhatIsNoObjectGivesWayToOne)
+{
+    begin();
+    subscribe();
+    const std::string key = object::key(*make(PORT, "index.ifx=7"));
+    server->command({"SELECT", "4"});
+    server->command({"HSET", PORT, key, "foreign"});
     const Made fields = make(PORT, "index.ifx=7 mode=3");
     kt_mom_hset(peer, 4, fields, std::array{7U}.data(), 1);
     EXPECT_EQ(get("index.ifx=7"), "index.ifx=7 mode=3");
     server->command({"HSET", PORT, key, "foreign"});
     settle();
-    seen.take();
+    seen.take(); /* a deletion is told with its key */
     kt_mom_del(peer, 4, make(PORT, "index.ifx=7"), 0, 0);
     settle();
     EXPECT_THAT(seen.take(), ElementsAre("del index.ifx=7"));

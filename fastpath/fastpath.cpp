@@ -293,6 +293,11 @@ int Tables::sync_begin(Kind kind, std::string_view app_type)
     return 0;
 }
 
+bool Tables::is_syncing() const
+{
+    return !syncs_.empty();
+}
+
 int Tables::sync_end(Kind kind, std::string_view app_type)
 {
     if (!is_sync_name(app_type))

@@ -167,6 +167,9 @@ public:
     int sync_begin(Kind kind, std::string_view app_type);
     int sync_end(Kind kind, std::string_view app_type);
 
+    /* Whether a sync of any kind and application type is open. */
+    bool is_syncing() const;
+
     /*
      * The first entry that matches on a port, of the ACLs of one application
      * type in ascending order of ACL id, or null. Valid until the next change.

@@ -35,6 +35,8 @@ const ProtobufCMessage *index_of(const Kind &kind, const ProtobufCMessage &messa
 std::string_view key_bytes(const ProtobufCMessage *index, const ProtobufCFieldDescriptor &field,
                            Number *number);
 bool is_zero(std::string_view bytes);
+bool take_key_field(ProtobufCMessage &index, const ProtobufCFieldDescriptor &field,
+                    std::string_view *bytes);
 
 } // namespace
 
@@ -116,6 +118,16 @@ std::string key(const ProtobufCMessage &message)
             result += '\0';
     }
     return result;
+}
+
+Message from_key(const Kind &kind, std::string_view key)
+{
+    Message result = empty(kind);
+    for (const auto *field : kind.key_fields) {
+        if (!take_key_field(sub_message(*result, *kind.index), *field, &key))
+            return nullptr;
+    }
+    return key.empty() ? std::move(result) : nullptr;
 }
 
 bool matches(const ProtobufCMessage &templ, uint32_t match_flag, const ProtobufCMessage &object)
@@ -223,6 +235,32 @@ std::string_view key_bytes(const ProtobufCMessage *index, const ProtobufCFieldDe
 bool is_zero(std::string_view bytes)
 {
     return std::ranges::all_of(bytes, [](char byte) { return byte == 0; });
+}
+
+// Moves a key field's part from the front of a key into an index.
+bool take_key_field(ProtobufCMessage &index, const ProtobufCFieldDescriptor &field,
+                    std::string_view *bytes)
+{
+    size_t size = sizeof(uint32_t);
+    if (field.type == PROTOBUF_C_TYPE_MESSAGE)
+        size = MAC_LENGTH;
+    else if (field.type == PROTOBUF_C_TYPE_STRING)
+        size = bytes->find('\0') + 1; // 0 if there is none
+    if (size == 0 || size > bytes->size())
+        return false;
+    const std::string_view part = bytes->substr(0, size);
+    bytes->remove_prefix(size);
+    if (field.type == PROTOBUF_C_TYPE_MESSAGE) {
+        set_bytes(sub_message(index, field), mac_data(field), part);
+    } else if (field.type == PROTOBUF_C_TYPE_STRING) {
+        set_text(index, field, part.substr(0, size - 1));
+    } else {
+        uint32_t number = 0;
+        for (const char byte : part)
+            number = number << 8 | static_cast<uint8_t>(byte);
+        member<uint32_t>(index, field) = number;
+    }
+    return true;
 }
 
 } // namespace

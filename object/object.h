@@ -105,6 +105,10 @@ bool key_is_empty(const ProtobufCMessage &message);
 // have a key (has_key()).
 std::string key(const ProtobufCMessage &message);
 
+// A new message of that kind with this key, from key(), and nothing else; nullptr
+// if the bytes are no key of the kind.
+Message from_key(const Kind &kind, std::string_view key);
+
 // Whether a template selects an object; the rule is told in platform/kt_mom.h.
 // match_flag 2 leaves out the key fields that the template has zero or empty; any
 // other value asks for an equal key. False if the kinds differ.

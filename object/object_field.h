@@ -1,4 +1,5 @@
-// Access to the members of a message by their descriptors; internal to object/.
+// Access to the members of a message by their descriptors, for object/ and for those
+// who write messages in yet another form.
 #ifndef OBJECT_OBJECT_FIELD_H
 #define OBJECT_OBJECT_FIELD_H
 

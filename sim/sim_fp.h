@@ -1,12 +1,8 @@
 /*
  * sim_fp - the fast-path ACL library (platform/fp_udp.h) of the simulator.
  *
- * Operations act on the tables (fastpath/fastpath.h) at once; results come
- * later from the loop, one job each and thus in the order of the calls, and
- * not at all when the process that made the call is gone by then. A request
- * that is refused (bad descriptor, full table, planned fault) returns its code
- * and is told to the failed-callback as well; one that is taken and fails (no
- * such ACL) is only told. Syncs have no callback.
+ * The interface is fastpath/fastpath_library.h's. Results are jobs of the loop,
+ * and are dropped when the process that made the call is gone by then.
  *
  * The tables outlive the process: its first call in a new life tells them so.
  * Registered callbacks do not.

@@ -268,30 +268,6 @@ int host_file_lock_owner(const std::string &path)
     return file == nullptr ? 0 : file->lock_owner;
 }
 
-OutputCapture::OutputCapture() : before(stdout), buffer(nullptr), length(0)
-{
-    std::fflush(stdout);
-    stream = open_memstream(&buffer, &length);
-    if (stream != nullptr)
-        stdout = stream;
-}
-
-OutputCapture::~OutputCapture()
-{
-    stdout = before;
-    if (stream != nullptr)
-        std::fclose(stream);
-    std::free(buffer);
-}
-
-std::string OutputCapture::text()
-{
-    if (stream == nullptr)
-        return "";
-    std::fflush(stream);
-    return {buffer, length};
-}
-
 void host_process_ended(int pid)
 {
     for (Descriptor &descriptor : host.descriptors) {

@@ -20,10 +20,12 @@
 #ifndef SIM_SIM_HOST_H
 #define SIM_SIM_HOST_H
 
-#include <cstdio>
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
+
+#include "shell/shell_command.h"
 
 namespace sim
 {
@@ -47,22 +49,12 @@ int host_file_lock_owner(const std::string &path);
  * Collects, while it lives, what is printed to standard output. Without one,
  * the program's output goes to the simulator's. May be nested.
  */
-class OutputCapture
+class OutputCapture : public ShellCapture
 {
 public:
-    OutputCapture();
-    ~OutputCapture();
-    OutputCapture(const OutputCapture &) = delete;
-    OutputCapture &operator=(const OutputCapture &) = delete;
-
-    /* What was printed so far. */
-    std::string text();
-
-private:
-    std::FILE *before;
-    std::FILE *stream;
-    char *buffer;
-    size_t length;
+    OutputCapture() : ShellCapture(SIZE_MAX)
+    {
+    }
 };
 
 /* Closes the descriptors of a pid that has ended and releases its locks. */

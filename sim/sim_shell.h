@@ -1,15 +1,8 @@
 /*
  * sim_shell - the debug shell in front of the commands that a program registered.
  *
- * A command line is the command's name and one word for each `%d` of its help
- * text: a number, or the name that stands before the `%d` and a number
- * ("set-zlog-level 3", "set-zlog-level level=3"). Numbers are decimal or 0x
- * hexadecimal and must fit an int. While the handler runs, the C library's
- * standard output is a buffer, so that everything it prints becomes the
- * command's output.
- *
- * The table holds 64 commands; a 65th is refused with -ENOSPC. The commands of
- * a process go with it. A command may have at most 8 arguments.
+ * Command lines and limits are those of shell/shell_command.h. The commands of a
+ * process go with it.
  */
 #ifndef SIM_SIM_SHELL_H
 #define SIM_SIM_SHELL_H

@@ -173,6 +173,20 @@ TEST(Object, KeyIsFixedWidthAndBigEndian)
 
     const auto whole = read("u_bridge.vvlan_oui_cfg", "index.ace_id=7 oui.mac=00:01:02:03:04:05");
     EXPECT_EQ(object::to_text(*object::copy_key(*whole)), "index.ace_id=7");
+
+    for (const auto &[kind, text] :
+         {std::pair("s_cluster.reg_pkt_info", "index.name=ox"),
+          std::pair("u_bridge.mac_vid_reg_noti", "index.t_fid=258 index.t_mac=00:01:02:03:04:05"),
+          std::pair("p_bridge.vvlan_glb_cfg", "")}) {
+        const object::Kind &known = *object::kind_by_name(kind);
+        const std::string key = key_of(kind, text);
+        const auto again = object::from_key(known, key);
+        ASSERT_NE(again, nullptr) << kind;
+        EXPECT_EQ(object::key(*again), key);
+        EXPECT_EQ(object::from_key(known, key + "x"), nullptr);
+        EXPECT_EQ(key.empty(),
+                  object::from_key(known, key.substr(0, key.size() - !key.empty())) != nullptr);
+    }
 }
 
 // The widest index as plain values (t_fid, t_type, t_mac), written in any of the

@@ -1,0 +1,82 @@
+/*
+ * ctl_db - the object database, as the commands use it.
+ *
+ * A thin layer over platform/kt_mom.h that turns results into Failures and
+ * waits where a command must: until a connection is up, and until what was
+ * written has taken effect, so that a tool that says "done" and ends has done
+ * it. Databases are connected when they are first used; one that cannot be
+ * reached within PATIENCE ends the command.
+ *
+ * The text of every write's failure names the object.
+ */
+#ifndef CTL_CTL_DB_H
+#define CTL_CTL_DB_H
+
+#include <cstdint>
+#include <functional>
+#include <initializer_list>
+#include <memory>
+#include <set>
+#include <span>
+#include <string>
+
+#include "ctl/ctl.h"
+#include "object/object.h"
+#include "platform/kt_mom.h"
+
+namespace ctl
+{
+
+enum Db : uint32_t { DB_NOTICE = 0, DB_CONFIG = 4, DB_MAC = 6, DB_STATE = 8 };
+inline constexpr uint32_t DATABASES[] = {DB_CONFIG, DB_NOTICE, DB_MAC, DB_STATE};
+
+constexpr int PATIENCE = 5000; /* milliseconds */
+
+/* The database that holds the objects of a kind. */
+uint32_t db_of_kind(std::string_view kind);
+
+/* Called for each object; fields are those that are stored, for an object stored by field. */
+using Visit = std::function<void(const ProtobufCMessage &object, std::span<const uint32_t> fields)>;
+
+class Databases
+{
+public:
+    explicit Databases(Host &ctl_host) : host(ctl_host)
+    {
+    }
+
+    kt_global *context();
+
+    /* Connects, unless that is done. */
+    void open(uint32_t db);
+
+    /* Visits every object that the template selects. The visitor may throw. */
+    void scan(uint32_t db, const ProtobufCMessage &object_template, uint32_t match,
+              const Visit &visit);
+
+    /* Every object of a kind in its database. */
+    void scan(const char *kind, const Visit &visit);
+
+    object::Message get(uint32_t db, const ProtobufCMessage &key);
+
+    void set(uint32_t db, const ProtobufCMessage &object, uint64_t expire = 0);
+    void hset(uint32_t db, const ProtobufCMessage &object, std::span<const uint32_t> fields);
+    void del(uint32_t db, const ProtobufCMessage &key);
+    void publish(uint32_t db, const ProtobufCMessage &object);
+
+    /* Returns when every write of this command has taken effect. */
+    void settle();
+
+private:
+    void check(int result, const char *verb, uint32_t db, const ProtobufCMessage &object) const;
+    [[noreturn]] void unreachable(uint32_t db, const std::string &why) const;
+
+    Host &host;
+    kt_global *global = nullptr;
+    std::set<uint32_t> opened;
+    std::set<uint32_t> written;
+};
+
+} // namespace ctl
+
+#endif

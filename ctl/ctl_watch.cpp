@@ -1,0 +1,487 @@
+#include "ctl/ctl_watch.h"
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <ctime>
+#include <exception>
+#include <functional>
+#include <map>
+
+#include "ctl/ctl_db.h"
+#include "ctl/ctl_json.h"
+#include "ctl/ctl_object.h"
+#include "ctl/ctl_value.h"
+#include "ctl/ctl_words.h"
+#include "mom/kt_mom_peer.h"
+#include "platform/kt_thread.h"
+
+namespace ctl
+{
+
+namespace
+{
+
+using std::chrono::steady_clock;
+
+constexpr std::chrono::milliseconds WRITE_EVERY{10};
+constexpr long WRITE_EVERY_MICROS = 10'000;
+constexpr size_t WRITE_AT_ONCE = 32'768; /* bytes that do not wait for the timer */
+constexpr uint32_t NO_DB = UINT32_MAX;
+
+/* What a line tells of. */
+struct Change {
+    uint32_t db;
+    uint32_t operation;
+    const ProtobufCMessage &object;
+    std::span<const uint32_t> fields;
+    bool is_standing;
+};
+
+/* Lines on their way to the output. */
+class Queue
+{
+public:
+    Queue(Host &ctl_host, size_t most) : host(ctl_host), limit(most)
+    {
+    }
+    /* Takes a line if there is room, else counts it. */
+    bool take(std::string_view line);
+    void write();
+    bool is_due() const;
+    bool is_empty() const
+    {
+        return text.size() == written;
+    }
+    bool is_closed = false; /* nobody reads any more */
+    uint64_t skipped = 0;
+
+    bool has_room() const
+    {
+        return lines < limit && text.size() - written < WATCH_QUEUE_BYTES;
+    }
+
+private:
+    Host &host;
+    size_t limit;
+    std::string text;
+    size_t written = 0; /* bytes of the text that are out */
+    size_t lines = 0;   /* in the rest */
+    steady_clock::time_point last = steady_clock::now();
+};
+
+size_t count_or(const std::string &text, size_t standard, const std::string &what);
+
+class Watch;
+
+/* What a database's callback is given. */
+struct Receiver {
+    Watch *watch;
+    uint32_t db;
+};
+
+class Watch
+{
+public:
+    Watch(const Context &ctl_context, const WatchOptions &watch_options)
+        : context(ctl_context), since_start(watch_options.since_start),
+          most(count_or(watch_options.count, 0, "a number of lines")),
+          seconds(count_or(watch_options.seconds, 0, "a number of seconds")),
+          queue(ctl_context.host,
+                count_or(watch_options.queue, WATCH_QUEUE_LINES, "a number of lines"))
+    {
+    }
+    void run(std::span<const uint32_t> databases);
+    void tell(const Change &change);
+    void note(uint32_t db, const std::string &words);
+    void resume(uint32_t db);
+    void write_later();
+    void write_from_timer();
+
+    std::function<bool(const Change &)> selects; /* empty: everything */
+    std::vector<const object::Kind *> kinds;     /* what is read for since_start */
+    bool in_words = true;
+
+private:
+    bool is_enough() const
+    {
+        return most != 0 && told >= most;
+    }
+    void tell_what_stands();
+    void tell_of_skipped();
+    std::string line_of(const Change &change);
+    std::string stamp();
+    void finish();
+
+    Context context;
+    bool since_start;
+    size_t most;    /* lines, 0: no limit */
+    size_t seconds; /* 0: no limit */
+    Queue queue;
+    std::map<uint32_t, Receiver> receivers; /* by database */
+    Databases databases{context.host};
+    steady_clock::time_point begin = steady_clock::now();
+    std::time_t stamped_second = -1; /* second_text is of this second */
+    std::string second_text;
+    uint64_t told = 0;
+    bool is_timer_armed = false;
+    bool is_over = false;
+};
+
+/* The connection callbacks have no user data. */
+Watch *watch_now = nullptr;
+
+void watch_with(const Context &context, const WatchOptions &options,
+                std::span<const uint32_t> databases, const std::function<void(Watch &)> &prepare);
+const char *operation_name(const Change &change);
+std::string utc_now();
+
+} // namespace
+
+void watch(const Context &context, const WatchOptions &options)
+{
+    watch_with(context, options, DATABASES, [](Watch &made) { made.kinds = object::kinds(); });
+}
+
+void watch_objects(const Context &context, const WatchOptions &options,
+                   const ObjectOptions &selected)
+{
+    const auto object_template = std::make_shared<ObjectText>(object_parse(selected, true));
+    const uint32_t match = selected.exact ? KT_MOM_MATCH_EXACT : KT_MOM_MATCH_PARTIAL;
+    const uint32_t db = object_template->db;
+    watch_with(context, options, {&db, 1}, [&](Watch &made) {
+        made.in_words = false;
+        made.kinds = {object::kind_of(*object_template->message)};
+        made.selects = [object_template, match](const Change &change) {
+            return object::matches(*object_template->message, match, change.object);
+        };
+    });
+}
+
+namespace
+{
+
+int on_change(kt_global *, const kt_mom_msg *msg, void *user);
+int on_timer(void *user);
+int on_lost(kt_global *, uint32_t db);
+int on_back(kt_global *, uint32_t db, int type);
+
+/* --- Queue */
+
+bool Queue::take(std::string_view line)
+{
+    if (!has_room()) {
+        skipped++;
+        return false;
+    }
+    text += line;
+    text += '\n';
+    lines++;
+    return true;
+}
+
+void Queue::write()
+{
+    last = steady_clock::now();
+    while (!is_empty() && !is_closed) {
+        const long count = host.write_now(std::string_view(text).substr(written));
+        is_closed = count < 0;
+        if (count <= 0)
+            return;
+        const auto from = text.begin() + static_cast<std::ptrdiff_t>(written);
+        lines -= static_cast<size_t>(std::count(from, from + count, '\n'));
+        written += static_cast<size_t>(count);
+        if (written == text.size() || written > WATCH_QUEUE_BYTES) {
+            text.erase(0, written);
+            written = 0;
+        }
+    }
+}
+
+bool Queue::is_due() const
+{
+    return text.size() - written >= WRITE_AT_ONCE || steady_clock::now() - last >= WRITE_EVERY;
+}
+
+/* --- Watch */
+
+void Watch::run(std::span<const uint32_t> watched)
+{
+    constexpr size_t SECONDS_MAX = 2'000'000;
+    for (const uint32_t db : watched) {
+        databases.open(db);
+        kt_mom_client_set_disconnect_cb(databases.context(), db, on_lost);
+        kt_mom_client_set_reconnect_cb(databases.context(), db, on_back);
+        resume(db);
+    }
+    if (since_start)
+        tell_what_stands();
+    context.host.run([&] { return queue.is_closed || is_enough(); },
+                     seconds == 0 ? -1 : static_cast<int>(std::min(seconds, SECONDS_MAX) * 1000));
+    finish();
+}
+
+/* Passive, and again harmless: there is one watcher per database and receiver. */
+void Watch::resume(uint32_t db)
+{
+    const auto at = receivers.try_emplace(db, Receiver{this, db}).first;
+    if (kt_mom_watch(databases.context(), db, on_change, &at->second) != 0)
+        throw Failure{NO_REACH, "cannot watch database " + std::to_string(db) + " at " +
+                                    context.host.server()};
+}
+
+void Watch::tell_what_stands()
+{
+    size_t standing = 0;
+    for (const object::Kind *kind : kinds) {
+        const uint32_t db = db_of_kind(object::kind_name(*kind));
+        databases.scan(object::kind_name(*kind),
+                       [&](const ProtobufCMessage &object, std::span<const uint32_t> fields) {
+                           standing++;
+                           tell({db, KT_MOM_SET, object, fields, true});
+                           if (!queue.has_room())
+                               queue.write();
+                       });
+    }
+    note(NO_DB, std::to_string(standing) + (standing == 1 ? " object stands" : " objects stand") +
+                    "; changes follow");
+}
+
+void Watch::tell(const Change &change)
+{
+    if (is_over || is_enough() || (selects && !selects(change)))
+        return;
+    if (!queue.has_room()) {
+        queue.skipped++;
+        write_later();
+        return;
+    }
+    tell_of_skipped();
+    if (queue.take(line_of(change)) && !change.is_standing)
+        told++;
+    if (queue.is_due())
+        queue.write();
+    write_later();
+}
+
+void Watch::note(uint32_t db, const std::string &words)
+{
+    if (is_over)
+        return;
+    if (context.json) {
+        Json json = json_document();
+        json["time"] = utc_now();
+        json["db"] = db == NO_DB ? Json(nullptr) : Json(db);
+        json["operation"] = "note";
+        json["words"] = words;
+        queue.take(json_text(json));
+    } else {
+        queue.take(stamp() + (db == NO_DB ? "  --   " : "  db " + std::to_string(db) + "  ") +
+                   words);
+    }
+    write_later();
+}
+
+void Watch::tell_of_skipped()
+{
+    if (queue.skipped == 0)
+        return;
+    const std::string count = std::to_string(queue.skipped);
+    queue.skipped = 0;
+    note(NO_DB, count + (count == "1" ? " change" : " changes") +
+                    " skipped: the output is slower than the databases");
+}
+
+/* Arms the timer unless it runs; it writes what the output did not take or what waits. */
+void Watch::write_later()
+{
+    if (is_timer_armed || queue.is_empty() || queue.is_closed)
+        return;
+    is_timer_armed =
+        kt_thread_add_timer_timeval_withname(databases.context()->master, on_timer, this, 0,
+                                             WRITE_EVERY_MICROS, "watch") == 0;
+}
+
+void Watch::write_from_timer()
+{
+    is_timer_armed = false;
+    queue.write();
+    write_later();
+}
+
+std::string Watch::line_of(const Change &change)
+{
+    if (context.json) {
+        Json json = json_document();
+        json["time"] = utc_now();
+        json["db"] = change.db;
+        json["operation"] = operation_name(change);
+        json["kind"] = change.object.descriptor->name;
+        json["object"] = json_message(change.object);
+        json["fields"] = Json::array();
+        for (const uint32_t number : change.fields) {
+            if (const auto *field =
+                    protobuf_c_message_descriptor_get_field(change.object.descriptor, number))
+                json["fields"].push_back(field->name);
+        }
+        json["words"] = words_change(change.operation, change.object, change.fields);
+        return json_text(json);
+    }
+    const std::string head = stamp() + "  db " + std::to_string(change.db) + "  ";
+    if (in_words)
+        return head + words_change(change.operation, change.object, change.fields);
+    return head + operation_name(change) + " " + change.object.descriptor->name + " " +
+           object::to_text(change.object);
+}
+
+std::string Watch::stamp()
+{
+    char text[sizeof "99999999.999"];
+    if (since_start) {
+        const std::chrono::duration<double> since = steady_clock::now() - begin;
+        std::snprintf(text, sizeof text, "%12.3f", since.count());
+        return text;
+    }
+    timespec now{};
+    clock_gettime(CLOCK_REALTIME, &now);
+    if (now.tv_sec != stamped_second) {
+        tm broken{};
+        localtime_r(&now.tv_sec, &broken);
+        std::snprintf(text, sizeof text, "%02u:%02u:%02u", static_cast<unsigned>(broken.tm_hour),
+                      static_cast<unsigned>(broken.tm_min), static_cast<unsigned>(broken.tm_sec));
+        second_text = text;
+        stamped_second = now.tv_sec;
+    }
+    std::snprintf(text, sizeof text, ".%03u", static_cast<unsigned>(now.tv_nsec / 1'000'000));
+    return second_text + text;
+}
+
+/* Waits for a slow output, but not for one that stands still. */
+void Watch::finish()
+{
+    queue.write();
+    tell_of_skipped();
+    queue.write();
+    context.host.run([&] { return queue.is_empty() || queue.is_closed; }, PATIENCE);
+    is_over = true;
+}
+
+/* --- Callbacks; nothing is thrown through the library */
+
+template <typename Body> int guarded(const Body &body)
+{
+    try {
+        body();
+        return 0;
+    } catch (...) {
+        return -1;
+    }
+}
+
+int on_change(kt_global *, const kt_mom_msg *msg, void *user)
+{
+    return guarded([&] {
+        const Receiver &receiver = *static_cast<const Receiver *>(user);
+        if (msg->scan_state == KT_MOM_SCAN_AGAIN)
+            return receiver.watch->note(receiver.db, "changes were lost: the database's queue for "
+                                                     "this tool ran over");
+        if (msg->object == nullptr || msg->scan_state != KT_MOM_CHANGE)
+            return;
+        if (msg->operation != KT_MOM_HSET)
+            return receiver.watch->tell({receiver.db,
+                                         msg->operation,
+                                         *static_cast<const ProtobufCMessage *>(msg->object),
+                                         {},
+                                         false});
+        const auto *hash = static_cast<const kt_mom_hash *>(msg->object);
+        receiver.watch->tell(
+            {receiver.db, KT_MOM_HSET, *hash->object, {hash->fields, hash->count}, false});
+    });
+}
+
+int on_timer(void *user)
+{
+    return guarded([&] { static_cast<Watch *>(user)->write_from_timer(); });
+}
+
+int on_lost(kt_global *, uint32_t db)
+{
+    return guarded([&] {
+        if (watch_now != nullptr)
+            watch_now->note(db, "connection lost");
+    });
+}
+
+int on_back(kt_global *, uint32_t db, int type)
+{
+    return guarded([&] {
+        if (watch_now == nullptr)
+            return;
+        watch_now->note(db, type == KT_MOM_RECONNECT_SAME
+                                ? "connection back; changes meanwhile are not shown"
+                                : "connected to another server; what it holds may differ");
+        watch_now->resume(db);
+    });
+}
+
+/* --- Helpers */
+
+void watch_with(const Context &context, const WatchOptions &options,
+                std::span<const uint32_t> databases, const std::function<void(Watch &)> &prepare)
+{
+    const auto made = std::make_shared<Watch>(context, options);
+    prepare(*made);
+    context.host.kept.push_back(made);
+    watch_now = made.get();
+    try {
+        made->run(databases);
+    } catch (...) {
+        watch_now = nullptr;
+        throw;
+    }
+    watch_now = nullptr;
+}
+
+size_t count_or(const std::string &text, size_t standard, const std::string &what)
+{
+    const size_t count = text.empty() ? standard : number_parse(text, what);
+    if (!text.empty() && count == 0)
+        throw Failure{USAGE, "\"" + text + "\": expected " + what + ", at least 1"};
+    return count;
+}
+
+const char *operation_name(const Change &change)
+{
+    if (change.is_standing)
+        return "stands";
+    switch (change.operation) {
+    case KT_MOM_SET:
+        return "set";
+    case KT_MOM_DEL:
+        return "del";
+    case KT_MOM_HSET:
+        return "hset";
+    case KT_MOM_PUBLISH:
+        return "publish";
+    default:
+        return "unknown";
+    }
+}
+
+std::string utc_now()
+{
+    timespec now{};
+    clock_gettime(CLOCK_REALTIME, &now);
+    tm broken{};
+    gmtime_r(&now.tv_sec, &broken);
+    char date[sizeof "-2147483648-00-00T00:00:00"];
+    char text[sizeof date + sizeof ".000Z"];
+    std::strftime(date, sizeof date, "%Y-%m-%dT%H:%M:%S", &broken);
+    std::snprintf(text, sizeof text, "%s.%03uZ", date,
+                  static_cast<unsigned>(now.tv_nsec / 1'000'000) % 1000);
+    return text;
+}
+
+} // namespace
+
+} // namespace ctl

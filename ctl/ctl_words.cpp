@@ -1,0 +1,276 @@
+#include "ctl/ctl_words.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <vector>
+
+#include "object/object.h"
+#include "platform/kt_mom.h"
+#include "proto/s_bridge.pb-c.h"
+#include "proto/s_cluster.pb-c.h"
+#include "proto/u_bridge.pb-c.h"
+
+namespace ctl
+{
+
+namespace
+{
+
+struct Change {
+    uint32_t operation;
+    const ProtobufCMessage &object;
+    std::span<const uint32_t> fields;
+
+    bool is_gone() const
+    {
+        return operation == KT_MOM_DEL;
+    }
+};
+
+template <typename Object> const Object &object_of(const Change &change)
+{
+    return *reinterpret_cast<const Object *>(&change.object);
+}
+
+/* The number in an index that may be absent. */
+template <typename Object, typename Index>
+std::string index_text(const Change &change, uint32_t Index::*number)
+{
+    const Index *index = object_of<Object>(change).index;
+    return std::to_string(index == nullptr ? 0 : index->*number);
+}
+
+std::string settings(const Change &change);
+std::string oui_configured(const Change &change);
+std::string port_configured(const Change &change);
+std::string port_joined(const Change &change);
+std::string failure(const Change &change);
+std::string notice(const Change &change);
+std::string mac_learnt(const Change &change);
+std::string macs_wanted(const Change &change);
+std::string oui_in_force(const Change &change);
+std::string port_trapped(const Change &change);
+std::string join_recorded(const Change &change);
+std::string plug_in(const Change &change);
+
+struct Words {
+    const ProtobufCMessageDescriptor *kind;
+    std::string (*tell)(const Change &change);
+};
+
+constexpr Words WORDS[] = {
+    {&p_bridge__vvlan_glb_cfg__descriptor, settings},
+    {&p_bridge__vvlan_oui_cfg__descriptor, oui_configured},
+    {&p_bridge__vvlan_port_cfg__descriptor, port_configured},
+    {&p_bridge__vvlan_port_auto__descriptor, port_joined},
+    {&p_bridge__vvlan_err_event__descriptor, failure},
+    {&s_bridge__vvlan_port_noty__descriptor, notice},
+    {&u_bridge__mac_vid_reg_noti__descriptor, mac_learnt},
+    {&u_bridge__mac_vid_reg__descriptor, macs_wanted},
+    {&u_bridge__vvlan_oui_cfg__descriptor, oui_in_force},
+    {&u_bridge__vvlan_port_cfg__descriptor, port_trapped},
+    {&u_bridge__vvlan_join__descriptor, join_recorded},
+    {&s_cluster__reg_pkt_info__descriptor, plug_in},
+};
+
+enum SettingsField : uint32_t { GLB_SWITCH = 5, SECU_MODE = 6, AGE_TIME = 7, QOS = 8 };
+
+template <typename Pair> Oui oui_of(const Pair *oui)
+{
+    return oui == nullptr ? Oui{} : Oui{mac_of(oui->mac), mac_of(oui->mask)};
+}
+
+} // namespace
+
+std::string words_change(uint32_t operation, const ProtobufCMessage &object,
+                         std::span<const uint32_t> fields)
+{
+    for (const Words &words : WORDS) {
+        if (words.kind == object.descriptor)
+            return words.tell({operation, object, fields});
+    }
+    const char *verb = operation == KT_MOM_DEL ? " deleted: " : " set: ";
+    return object.descriptor->name + std::string(verb) + object::to_text(object);
+}
+
+std::string words_standing(const ProtobufCMessage &object)
+{
+    return words_change(KT_MOM_SET, object, {});
+}
+
+std::string words_failure(const PBridge__VvlanErrEvent &event)
+{
+    const std::string failed = "FAILED: ";
+    switch (event.msg_type) {
+    case P_BRIDGE__VVLAN_ERR_TYPE__VVLAN_SET_ENABLE:
+        return failed + "voice VLAN " + std::to_string(event.vid) + " could not be switched on";
+    case P_BRIDGE__VVLAN_ERR_TYPE__VVLAN_SET_PORT_ENABLE:
+        return failed + "port " + std::to_string(event.ifx) + " could not be configured";
+    case P_BRIDGE__VVLAN_ERR_TYPE__VVLAN_SET_OUI_CONFIG:
+        return failed + "OUI " + oui_text(oui_of(event.oui)) + " could not be installed";
+    case P_BRIDGE__VVLAN_ERR_TYPE__VVLAN_SET_QOS_CONFIG:
+        return failed + "voice traffic could not be marked with CoS " +
+               std::to_string(event.qos == nullptr ? 0 : event.qos->cos) + ", DSCP " +
+               std::to_string(event.qos == nullptr ? 0 : event.qos->dscp);
+    case P_BRIDGE__VVLAN_ERR_TYPE__VVLAN_SET_SECURITY_MOD:
+        return failed + "the security mode could not be applied to a port";
+    default:
+        return failed + "an error of unknown type " + std::to_string(event.msg_type);
+    }
+}
+
+std::string words_minutes(uint32_t minutes)
+{
+    constexpr uint32_t HOUR = 60;
+    std::string text = std::to_string(minutes) + (minutes == 1 ? " minute" : " minutes");
+    if (minutes > HOUR && minutes % HOUR == 0)
+        text += " (" + std::to_string(minutes / HOUR) + " h)";
+    return text;
+}
+
+std::string words_seconds(uint64_t seconds)
+{
+    constexpr uint64_t MINUTE = 60;
+    constexpr uint64_t HOUR = 3600;
+    const auto two = [](uint64_t number) {
+        return (number < 10 ? "0" : "") + std::to_string(number);
+    };
+    if (seconds < MINUTE)
+        return std::to_string(seconds) + "s";
+    if (seconds < HOUR)
+        return std::to_string(seconds / MINUTE) + "m" + two(seconds % MINUTE) + "s";
+    return std::to_string(seconds / HOUR) + "h" + two(seconds % HOUR / MINUTE) + "m";
+}
+
+Mac mac_of(const PLibpub__Mac *mac)
+{
+    Mac bytes{};
+    if (mac != nullptr)
+        std::copy_n(mac->data.data, std::min(mac->data.len, bytes.size()), bytes.begin());
+    return bytes;
+}
+
+namespace
+{
+
+std::string on_off(uint32_t value)
+{
+    return value != 0 ? "on" : "off";
+}
+
+std::string settings(const Change &change)
+{
+    const auto &glb = object_of<PBridge__VvlanGlbCfg>(change);
+    if (change.is_gone())
+        return "global settings deleted";
+    const auto tells = [&](uint32_t field, bool is_set) {
+        return change.fields.empty() ? is_set
+                                     : std::find(change.fields.begin(), change.fields.end(),
+                                                 field) != change.fields.end();
+    };
+    std::string text;
+    const auto add = [&](const std::string &words) { text += (text.empty() ? "" : ", ") + words; };
+    if (tells(GLB_SWITCH, glb.glb_switch != nullptr))
+        add(glb.glb_switch == nullptr ? "voice VLAN unset"
+                                      : "voice VLAN " + std::to_string(glb.glb_switch->vlan) + " " +
+                                            on_off(glb.glb_switch->enable));
+    if (tells(SECU_MODE, glb.secu_mode != 0))
+        add("security " + on_off(glb.secu_mode));
+    if (tells(AGE_TIME, glb.age_time != 0))
+        add("aging time " + words_minutes(glb.age_time));
+    if (tells(QOS, glb.qos != nullptr))
+        add(glb.qos == nullptr ? "CoS and DSCP unset"
+                               : "CoS " + std::to_string(glb.qos->cos) + ", DSCP " +
+                                     std::to_string(glb.qos->dscp));
+    return "settings: " + (text.empty() ? "nothing set" : text);
+}
+
+std::string oui_configured(const Change &change)
+{
+    const std::string oui = oui_text(oui_of(object_of<PBridge__VvlanOuiCfg>(change).index));
+    return "OUI " + oui + (change.is_gone() ? " no longer configured" : " configured");
+}
+
+std::string port_configured(const Change &change)
+{
+    const auto &port = object_of<PBridge__VvlanPortCfg>(change);
+    const std::string name =
+        "port " + index_text<PBridge__VvlanPortCfg>(change, &PBridge__VvlanIndex::ifx);
+    if (change.is_gone())
+        return name + " no longer configured";
+    const char *mode = (port.mode & 1) != 0 ? "automatic" : "manual";
+    if ((port.enable & 1) == 0)
+        return name + " configured: off (" + mode + ")";
+    return name + " configured: " + mode;
+}
+
+std::string port_joined(const Change &change)
+{
+    const bool joins = !change.is_gone() && object_of<PBridge__VvlanPortAuto>(change).enable != 0;
+    return "port " + index_text<PBridge__VvlanPortAuto>(change, &PBridge__VvlanIndex::ifx) +
+           (joins ? " joins" : " leaves") + " the voice VLAN";
+}
+
+std::string failure(const Change &change)
+{
+    return change.is_gone() ? "failure report deleted"
+                            : words_failure(object_of<PBridge__VvlanErrEvent>(change));
+}
+
+std::string notice(const Change &change)
+{
+    const auto *index = object_of<SBridge__VvlanPortNoty>(change).index;
+    const uint32_t phyid = index == nullptr ? 0 : index->phyid;
+    char name[sizeof "4294967295 (0xffffffff)"];
+    std::snprintf(name, sizeof name, "%u (0x%x)", phyid, phyid);
+    return (change.is_gone() ? "notice deleted: physical port "
+                             : "voice device seen on physical port ") +
+           std::string(name);
+}
+
+std::string mac_learnt(const Change &change)
+{
+    const auto &noti = object_of<UBridge__MacVidRegNoti>(change);
+    const auto *index = noti.index;
+    return mac_text(mac_of(index == nullptr ? nullptr : index->t_mac)) +
+           (change.is_gone() ? " gone from port " : " learnt on port ") +
+           std::to_string(noti.port_id) + ", VLAN " +
+           std::to_string(index == nullptr ? 0 : index->t_fid);
+}
+
+std::string macs_wanted(const Change &change)
+{
+    return "MACs of VLAN " + index_text<UBridge__MacVidReg>(change, &UBridge__MacVidIndex::vid) +
+           (change.is_gone() ? " no longer wanted" : " wanted");
+}
+
+std::string oui_in_force(const Change &change)
+{
+    const auto &oui = object_of<UBridge__VvlanOuiCfg>(change);
+    const std::string id =
+        index_text<UBridge__VvlanOuiCfg>(change, &UBridge__VvlanOuiCfgIndex::ace_id);
+    return "OUI " + oui_text(oui_of(oui.oui)) +
+           (change.is_gone() ? " out of force, ACE id " + id + " free" : " in force, ACE id " + id);
+}
+
+std::string port_trapped(const Change &change)
+{
+    return "port " + index_text<UBridge__VvlanPortCfg>(change, &UBridge__VvlanIndex::ifx) +
+           (change.is_gone() ? " no longer trapped" : " trapped until a voice device is seen");
+}
+
+std::string join_recorded(const Change &change)
+{
+    return "port " + index_text<UBridge__VvlanJoin>(change, &UBridge__VvlanIndex::ifx) +
+           (change.is_gone() ? " no longer recorded as joined" : " recorded as joined");
+}
+
+std::string plug_in(const Change &change)
+{
+    return "packet plug-in " + std::string(object_of<SCluster__RegPktInfo>(change).dlib_name) +
+           (change.is_gone() ? " withdrawn" : " registered");
+}
+
+} // namespace
+
+} // namespace ctl

@@ -1,0 +1,227 @@
+#include "linux/linux_env.h"
+
+#include <array>
+#include <charconv>
+#include <cstdlib>
+#include <optional>
+#include <string_view>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include "linux/linux_log.h"
+
+namespace
+{
+
+constexpr char PORTS_FILE[] = "/etc/vvlan/ports";
+constexpr size_t SENTINELS_MAX = 8;
+constexpr size_t SOCKET_PATH_MAX = sizeof(sockaddr_un{}.sun_path) - 1;
+
+constexpr linux_env_variable TABLE[] = {
+    {"VVLAN_MOM", "unix:/run/vvlan/mom.sock",
+     "Where the object database listens: unix:PATH, tcp:HOST:PORT, tls:HOST:PORT, or "
+     "sentinel:HOST:PORT[,HOST:PORT...]/NAME for the server that Sentinel calls NAME. An IPv6 "
+     "address stands in brackets."},
+    {"VVLAN_MOM_USER", "", "The user to log in to the database as; by default the default user."},
+    {"VVLAN_MOM_PASSWORD_FILE", "",
+     "A file whose first line is that user's password; it is read at every connect."},
+    {"VVLAN_MOM_CA", "",
+     "A file of certificates that the server's must be signed by (tls: and sentinel: only); by "
+     "default the host's own."},
+    {"VVLAN_SHELL", "/run/vvlan/shell.sock", "The Unix socket of the debug shell."},
+    {"VVLAN_PORTS", "/etc/vvlan/ports if it exists, else host",
+     "The ports: host for the host's own interfaces, or a file of lines \"ifx phyid name\", "
+     "which is read again at SIGHUP."},
+};
+
+/* What a variable's value does: fills settings and returns "", or says why it cannot work. */
+using Take = std::string (*)(std::string_view value, linux_env_settings *settings);
+
+std::string take_mom(std::string_view value, linux_env_settings *settings);
+std::string take_user(std::string_view value, linux_env_settings *settings);
+std::string take_password_file(std::string_view value, linux_env_settings *settings);
+std::string take_ca(std::string_view value, linux_env_settings *settings);
+std::string take_shell(std::string_view value, linux_env_settings *settings);
+std::string take_ports(std::string_view value, linux_env_settings *settings);
+
+/* In the order of TABLE. */
+constexpr Take TAKES[] = {take_mom, take_user, take_password_file, take_ca, take_shell, take_ports};
+static_assert(std::size(TAKES) == std::size(TABLE));
+
+struct Environment {
+    bool is_read = false;
+    bool is_good = false;
+    linux_env_settings settings;
+};
+
+Environment *environment; /* never freed, see linux_loop */
+
+Environment &environment_now()
+{
+    if (environment == nullptr)
+        environment = new Environment;
+    return *environment;
+}
+
+} // namespace
+
+std::span<const linux_env_variable> linux_env_table()
+{
+    return TABLE;
+}
+
+std::string linux_env_parse(const std::function<const char *(const char *)> &get,
+                            linux_env_settings *settings)
+{
+    *settings = {};
+    for (size_t i = 0; i < std::size(TABLE); i++) {
+        const char *set = get(TABLE[i].name);
+        const bool is_set = set != nullptr && *set != '\0';
+        const std::string why = TAKES[i](is_set ? set : "", settings);
+        if (!why.empty())
+            return std::string(TABLE[i].name) + "=" + (is_set ? set : "") + ": " + why;
+    }
+    return "";
+}
+
+const linux_env_settings *linux_env()
+{
+    Environment &now = environment_now();
+    if (!now.is_read) {
+        const std::string mistake = linux_env_parse(std::getenv, &now.settings);
+        now.is_read = true;
+        now.is_good = mistake.empty();
+        if (!now.is_good)
+            LINUX_LOG(KTDF_ZLOG_LV_FATAL, "%s", mistake.c_str());
+    }
+    return now.is_good ? &now.settings : nullptr;
+}
+
+void linux_env_use(const linux_env_settings &settings)
+{
+    environment_now() = {true, true, settings};
+}
+
+namespace
+{
+
+std::string check_path(std::string_view path)
+{
+    return path.starts_with('/') ? "" : "a path from the root (\"/...\") is wanted";
+}
+
+std::string check_socket(std::string_view path)
+{
+    if (path.size() > SOCKET_PATH_MAX)
+        return "the path of a socket has at most " + std::to_string(SOCKET_PATH_MAX) + " bytes";
+    return check_path(path);
+}
+
+/* "host:port" or "[v6]:port". */
+std::optional<linux_env_address> parse_address(std::string_view text)
+{
+    const size_t colon = text.rfind(':');
+    if (colon == std::string_view::npos)
+        return std::nullopt;
+    std::string_view host = text.substr(0, colon);
+    const std::string_view digits = text.substr(colon + 1);
+    if (host.starts_with('[') && host.ends_with(']'))
+        host = host.substr(1, host.size() - 2);
+    else if (host.find(':') != std::string_view::npos)
+        return std::nullopt;
+    linux_env_address address;
+    const char *end = digits.data() + digits.size();
+    const auto [stopped, error] = std::from_chars(digits.data(), end, address.port);
+    if (error != std::errc() || stopped != end || address.port == 0 || host.empty() ||
+        host.find_first_of(" \t/") != std::string_view::npos)
+        return std::nullopt;
+    address.host = host;
+    return address;
+}
+
+std::string take_addresses(std::string_view list, size_t max, linux_env_mom *mom)
+{
+    for (size_t start = 0; start <= list.size();) {
+        const size_t comma = std::min(list.find(',', start), list.size());
+        const auto address = parse_address(list.substr(start, comma - start));
+        if (!address || mom->addresses.size() >= max)
+            return max == 1 ? "HOST:PORT is wanted, the port from 1 to 65535"
+                            : "one to eight of HOST:PORT are wanted, ports from 1 to 65535";
+        mom->addresses.push_back(*address);
+        start = comma + 1;
+    }
+    return "";
+}
+
+std::string take_sentinel(std::string_view rest, linux_env_mom *mom)
+{
+    const size_t slash = rest.find('/');
+    if (slash == std::string_view::npos || slash + 1 == rest.size())
+        return "the name that Sentinel gives the server is wanted after a \"/\"";
+    mom->name = rest.substr(slash + 1);
+    return take_addresses(rest.substr(0, slash), SENTINELS_MAX, mom);
+}
+
+std::string take_mom(std::string_view value, linux_env_settings *settings)
+{
+    if (value.empty())
+        value = TABLE[0].standard;
+    linux_env_mom &mom = settings->mom;
+    const size_t colon = std::min(value.find(':'), value.size());
+    const std::string_view way = value.substr(0, colon);
+    const std::string_view rest = colon < value.size() ? value.substr(colon + 1) : "";
+    if (way == "unix") {
+        mom.way = linux_env_way::unix_socket;
+        mom.path = rest;
+        return check_socket(rest);
+    }
+    if (way == "sentinel") {
+        mom.way = linux_env_way::sentinel;
+        return take_sentinel(rest, &mom);
+    }
+    if (way != "tcp" && way != "tls")
+        return "it must begin with unix:, tcp:, tls: or sentinel:";
+    mom.way = way == "tcp" ? linux_env_way::tcp : linux_env_way::tls;
+    return take_addresses(rest, 1, &mom);
+}
+
+std::string take_user(std::string_view value, linux_env_settings *settings)
+{
+    settings->mom_user = value;
+    return "";
+}
+
+std::string take_password_file(std::string_view value, linux_env_settings *settings)
+{
+    settings->mom_password_file = value;
+    return value.empty() ? "" : check_path(value);
+}
+
+std::string take_ca(std::string_view value, linux_env_settings *settings)
+{
+    settings->mom_ca = value;
+    if (value.empty())
+        return "";
+    const linux_env_way way = settings->mom.way;
+    if (way != linux_env_way::tls && way != linux_env_way::sentinel)
+        return "VVLAN_MOM names no server with TLS (tls: or sentinel:)";
+    return check_path(value);
+}
+
+std::string take_shell(std::string_view value, linux_env_settings *settings)
+{
+    settings->shell = value.empty() ? TABLE[4].standard : value;
+    return check_socket(settings->shell);
+}
+
+std::string take_ports(std::string_view value, linux_env_settings *settings)
+{
+    if (value.empty())
+        value = access(PORTS_FILE, F_OK) == 0 ? PORTS_FILE : "host";
+    settings->ports = value;
+    if (value != "host" && !value.starts_with('/'))
+        return "host is wanted, or the path of a file from the root (\"/...\")";
+    return "";
+}
+
+} // namespace

@@ -1,0 +1,681 @@
+#include "linux/linux_mom_client.h"
+
+#include "linux/linux_env.h"
+#include "linux/linux_log.h"
+#include "linux/linux_loop.h"
+#include "linux/redis_value.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <event2/event.h>
+#include <fstream>
+#include <random>
+#include <sys/random.h>
+
+namespace mom
+{
+
+namespace
+{
+
+constexpr size_t REQUESTS_MAX = 262'144;
+constexpr int64_t MILLISECOND = 1'000; /* in microseconds, as all times here */
+constexpr int64_t SECOND = 1'000'000;
+constexpr int64_t PATIENCE = 3 * SECOND;    /* with a server that does not answer */
+constexpr int64_t PROBE_EVERY = 5 * SECOND; /* a third of the lease */
+constexpr int64_t BACKOFF_MIN = 10 * MILLISECOND;
+constexpr int64_t BACKOFF_MAX = SECOND;
+constexpr int64_t FAREWELL = SECOND / 2;
+
+struct Client {
+    kt_global *global;
+    std::string life;
+    std::array<std::shared_ptr<Connection>, DATABASES> connections;
+};
+
+constexpr std::array<uint32_t, DATABASES> IDS = {0, 4, 6, 8};
+
+/* Never freed: the program may call exit() from a callback. */
+std::vector<std::unique_ptr<Client>> &clients = *new std::vector<std::unique_ptr<Client>>;
+std::string ahead = "0"; /* of the server's clock, in milliseconds */
+
+Client *client_of(const kt_global *global);
+void end_client(const kt_global *global);
+void end_connection(Connection &c);
+std::string random_id();
+int64_t jittered(int64_t micros);
+bool find_server(Connection &c);
+void greet(Connection &c);
+void greet_subscriber(Connection &c);
+void ask_sentinel(Connection &c);
+void greeted(Connection &c);
+void become_ready(Connection &c);
+void tell_connected(Connection &c);
+void tell_lost(Connection &c);
+void tell_reconnected(Connection &c);
+void answered(Connection &c, redis::Reply reply);
+void heard(Connection &c, redis::Reply reply);
+void retry_later(Connection &c);
+void forget_requests(Connection &c);
+void tick(Connection &c);
+void tick_within(Connection &c, int64_t micros);
+void probed(Connection &c, const redisReply &reply);
+bool is_silent(Connection &c);
+std::vector<std::string_view> script_arguments(const Connection &c, redis::Script script,
+                                               const std::string &kind,
+                                               std::initializer_list<std::string_view> arguments);
+
+} // namespace
+
+Connection::Connection(kt_global *of, uint32_t number, std::string life_of)
+    : global(of), db(number), prefix(std::to_string(number) + ":"), life(std::move(life_of)),
+      command([this](redis::Reply reply) { answered(*this, std::move(reply)); },
+              [this](const std::string &why) { lose(*this, why); }),
+      subscriber([this](redis::Reply reply) { heard(*this, std::move(reply)); },
+                 [this](const std::string &why) { lose(*this, why); }),
+      backoff(BACKOFF_MIN), channels(kinds().size())
+{
+    const auto run = [](evutil_socket_t, short, void *self) {
+        auto &c = *static_cast<Connection *>(self);
+        c.is_armed = false;
+        deliver(c);
+    };
+    deliver_event = event_new(linux_loop_base(), -1, 0, run, this);
+}
+
+Connection *connection_of(kt_global *global, size_t place)
+{
+    Client *client = client_of(global);
+    if (client == nullptr) {
+        if (linux_global_on_finish(global, [global] { end_client(global); }) != 0)
+            return nullptr;
+        clients.push_back(std::make_unique<Client>(Client{global, random_id(), {}}));
+        client = clients.back().get();
+    }
+    auto &connection = client->connections[place];
+    if (connection == nullptr)
+        connection = std::make_shared<Connection>(global, IDS[place], client->life);
+    return connection.get();
+}
+
+Connection *connection_find(const kt_global *global, size_t place)
+{
+    const Client *client = client_of(global);
+    return client == nullptr ? nullptr : client->connections[place].get();
+}
+
+void each_connection(const std::function<void(Connection &)> &visit)
+{
+    for (const auto &client : clients) {
+        for (const auto &connection : client->connections) {
+            if (connection != nullptr)
+                visit(*connection);
+        }
+    }
+}
+
+size_t under_way(const Connection &c)
+{
+    return c.requests.size() + c.held.size() + c.fences.size() + c.queue.size() + c.scans.size();
+}
+
+bool works(const Connection &c)
+{
+    return c.is_told_up && c.is_ready && !c.is_lost;
+}
+
+bool sync_works(const Connection &c)
+{
+    return c.is_sync_open && c.is_greeted && !c.is_lost;
+}
+
+void connect_now(Connection &c)
+{
+    if (c.is_greeted) {
+        if (c.is_open && !c.subscriber.is_open())
+            greet_subscriber(c);
+        return;
+    }
+    if (c.command.is_open())
+        return;
+    linux_loop_cancel(c.retry_timer);
+    c.retry_timer = linux_loop_after(PATIENCE, [&c] { lose(c, "no answer to the greeting"); });
+    if (!find_server(c))
+        return;
+    c.command.open(c.server);
+    if (linux_env()->mom.way == linux_env_way::sentinel)
+        ask_sentinel(c);
+    else
+        greet(c);
+}
+
+int connect_wait(Connection &c)
+{
+    connect_now(c);
+    const int64_t deadline = linux_loop_now() + PATIENCE;
+    const uint64_t epoch = c.epoch;
+    while (!c.is_greeted && c.epoch == epoch) {
+        const int64_t left = deadline - linux_loop_now();
+        redis::Link *const link = &c.command;
+        if (left <= 0)
+            lose(c, "no answer to the greeting");
+        else if (redis::links_wait({&link, 1}, left) == -ENOTCONN)
+            break;
+    }
+    return sync_works(c) ? 0 : -ENOTCONN;
+}
+
+void connect_told_later(Connection &c)
+{
+    enqueue_notice(c, [&c, connects = ++c.connects] {
+        if (c.connects == connects)
+            tell_connected(c);
+    });
+}
+
+int request(Connection &c, redis::Arguments arguments, Handler handler, bool is_needed)
+{
+    const bool is_full = c.requests.size() + c.held.size() >= REQUESTS_MAX ||
+                         c.command.unsent() + c.held_bytes >= redis::LINK_UNSENT_MAX;
+    if (is_full && !is_needed)
+        return -ENOBUFS;
+    if (c.changing > 0) {
+        HeldRequest &held = c.held.emplace_back();
+        redis::format(held.bytes, arguments);
+        held.handler = std::move(handler);
+        c.held_bytes += held.bytes.size();
+        return 0;
+    }
+    if (c.requests.empty())
+        c.command_heard = linux_loop_now();
+    c.requests.push_back(std::move(handler));
+    c.command.send(arguments);
+    return 0;
+}
+
+int request_script(Connection &c, redis::Script script, const std::string &kind,
+                   std::initializer_list<std::string_view> arguments, Handler handler)
+{
+    return request(c, script_arguments(c, script, kind, arguments), std::move(handler));
+}
+
+int ask(Connection &c, redis::Arguments arguments, redis::Reply *answer)
+{
+    const auto keep = c.shared_from_this();
+    const uint64_t epoch = c.epoch;
+    bool is_answered = false;
+    if (!c.is_greeted)
+        return -ENOTCONN;
+    const auto take = [&](redis::Reply reply) {
+        is_answered = true;
+        *answer = std::move(reply);
+    };
+    request(c, arguments, take, true); /* there is never more than one of these */
+    const int64_t asked_at = linux_loop_now();
+    while (!is_answered && c.epoch == epoch) {
+        const int64_t heard_at = std::max({asked_at, c.command_heard, c.subscriber_heard});
+        const int64_t left = heard_at + PATIENCE - linux_loop_now();
+        const std::array<redis::Link *, 2> links = {&c.command, &c.subscriber};
+        if (left <= 0)
+            lose(c, "no answer in three seconds");
+        else
+            redis::links_wait({links.data(), c.changing > 0 ? 2U : 1U}, left);
+    }
+    return is_answered ? 0 : -ENOTCONN;
+}
+
+int ask_script(Connection &c, redis::Script script, const std::string &kind,
+               std::initializer_list<std::string_view> arguments, redis::Reply *answer)
+{
+    return ask(c, script_arguments(c, script, kind, arguments), answer);
+}
+
+void fence(Connection &c, std::function<void()> passed)
+{
+    if (c.fences.empty())
+        c.subscriber_heard = linux_loop_now();
+    c.fences.push_back(std::move(passed));
+    c.subscriber.send(std::array<std::string_view, 2>{"PING", "fence"});
+}
+
+void changing(Connection &c)
+{
+    c.changing++;
+}
+
+void changed(Connection &c)
+{
+    if (--c.changing > 0)
+        return;
+    if (c.requests.empty())
+        c.command_heard = linux_loop_now();
+    for (HeldRequest &held : c.held) {
+        c.requests.push_back(std::move(held.handler));
+        c.command.send_raw(held.bytes);
+    }
+    c.held.clear();
+    c.held_bytes = 0;
+}
+
+void lose(Connection &c, const std::string &why)
+{
+    if (why != c.last_reason)
+        LINUX_LOG(KTDF_ZLOG_LV_WARN, "database %u: not connected: %s", c.db, why.c_str());
+    c.last_reason = why;
+    c.counts.losses += c.is_greeted;
+    c.command.close();
+    c.subscriber.close();
+    forget_requests(c);
+    drop_queue(c);
+    c.epoch++;
+    c.is_greeted = c.is_ready = false;
+    if (c.is_told_up && !c.is_lost)
+        c.is_lost = c.owes_disconnect = true;
+    if (c.owes_disconnect)
+        enqueue_notice(c, [&c] { tell_lost(c); });
+    retry_later(c);
+}
+
+void probe_within(Connection &c, int64_t millis)
+{
+    const int64_t wait = std::clamp<int64_t>(millis, 0, PROBE_EVERY / MILLISECOND) * MILLISECOND;
+    const int64_t when = linux_loop_now() + wait;
+    if (!c.is_greeted || c.probe_at <= when)
+        return;
+    c.probe_at = when;
+    tick_within(c, wait);
+}
+
+void clock_ahead(int64_t millis)
+{
+    ahead = std::to_string(millis);
+    each_connection([](Connection &c) {
+        c.probe_at = 0;
+        tick(c);
+    });
+}
+
+namespace
+{
+
+Client *client_of(const kt_global *global)
+{
+    const auto at =
+        std::ranges::find(clients, global, [](const auto &each) { return each->global; });
+    return at == clients.end() ? nullptr : at->get();
+}
+
+void end_client(const kt_global *global)
+{
+    Client *client = client_of(global);
+    for (const auto &connection : client->connections) {
+        if (connection != nullptr)
+            end_connection(*connection);
+    }
+    std::erase_if(clients, [client](const auto &each) { return each.get() == client; });
+}
+
+/* What was written is in the database, and what is owned is gone, when the program goes in order.
+ */
+void end_connection(Connection &c)
+{
+    const auto keep = c.shared_from_this();
+    if (c.is_greeted && (c.has_owned || !c.requests.empty() || !c.held.empty())) {
+        bool is_answered = false;
+        const auto arguments =
+            script_arguments(c, redis::Script::REAP, "", {c.has_owned ? "-1" : "0"});
+        request(
+            c, arguments, [&](const redis::Reply &) { is_answered = true; }, true);
+        const int64_t deadline = linux_loop_now() + FAREWELL;
+        const uint64_t epoch = c.epoch;
+        while (!is_answered && c.epoch == epoch && linux_loop_now() < deadline) {
+            const std::array<redis::Link *, 2> links = {&c.command, &c.subscriber};
+            redis::links_wait({links.data(), c.changing > 0 ? 2U : 1U}, FAREWELL);
+        }
+    }
+    c.has_ended = true;
+    c.epoch++;
+    c.is_greeted = c.is_ready = c.is_told_up = false;
+    c.command.close();
+    c.subscriber.close();
+    forget_requests(c);
+    drop_queue(c);
+    drop_subscriptions(c);
+    linux_loop_cancel(c.retry_timer);
+    linux_loop_cancel(c.tick_timer);
+    event_free(c.deliver_event);
+    c.deliver_event = nullptr;
+}
+
+std::string random_id()
+{
+    std::string id(8, '\0');
+    if (getrandom(id.data(), id.size(), 0) != static_cast<ssize_t>(id.size())) {
+        std::random_device device;
+        std::ranges::generate(id, [&] { return static_cast<char>(device() & 0xff); });
+    }
+    return id;
+}
+
+int64_t jittered(int64_t micros)
+{
+    uint32_t random = 0;
+    if (getrandom(&random, sizeof(random), GRND_NONBLOCK) != sizeof(random))
+        random = static_cast<uint32_t>(linux_loop_now());
+    return micros / 2 + random % (micros / 2 + 1);
+}
+
+/* --- Greeting: everything up to the first request of the program */
+
+/* The first line of a file, "" if it cannot be read. */
+std::string first_line(const std::string &path)
+{
+    std::ifstream file(path);
+    std::string line;
+    std::getline(file, line);
+    return line;
+}
+
+/* Where to go first: to the server, or to a Sentinel that knows it. */
+bool find_server(Connection &c)
+{
+    const linux_env_settings *settings = linux_env();
+    const unsigned attempt = c.attempts++;
+    if (settings == nullptr || settings->mom.way == linux_env_way::tls) {
+        lose(c, "TLS is not built in; let a TLS proxy listen on a Unix socket");
+        return false;
+    }
+    const linux_env_mom &mom = settings->mom;
+    if (mom.way == linux_env_way::unix_socket) {
+        c.server = {mom.path, "", 0, 0};
+        return true;
+    }
+    const linux_env_address &chosen = mom.addresses[attempt % mom.addresses.size()];
+    c.server = {"", chosen.host, chosen.port, attempt};
+    return true;
+}
+
+/* A request of the greeting; its refusal ends the attempt. */
+void greet_with(Connection &c, std::initializer_list<std::string_view> arguments,
+                const std::function<void(const redisReply &)> &taken = {})
+{
+    const auto handler = [&c, taken](const redis::Reply &reply) {
+        if (redis::is_error(*reply))
+            lose(c, std::string(redis::text_of(*reply)));
+        else if (taken)
+            taken(*reply);
+    };
+    request(c, {arguments.begin(), arguments.size()}, handler, true);
+}
+
+std::string link_name(const Connection &c, const char *role)
+{
+    return "vvlan:" + std::to_string(getpid()) + ":" + c.prefix + role;
+}
+
+/* AUTH's arguments; none where there is no password. */
+std::vector<std::string> credentials()
+{
+    const linux_env_settings &settings = *linux_env();
+    if (settings.mom_password_file.empty())
+        return {};
+    std::vector<std::string> arguments = {"AUTH"};
+    if (!settings.mom_user.empty())
+        arguments.push_back(settings.mom_user);
+    arguments.push_back(first_line(settings.mom_password_file));
+    return arguments;
+}
+
+void greet(Connection &c)
+{
+    const std::vector<std::string> login = credentials();
+    if (login.size() == 2)
+        greet_with(c, {login[0], login[1]});
+    else if (login.size() == 3)
+        greet_with(c, {login[0], login[1], login[2]});
+    greet_with(c, {"ROLE"}, [&c](const redisReply &reply) {
+        if (reply.elements == 0 || redis::text_of(*reply.element[0]) != "master")
+            lose(c, "the server is a replica");
+    });
+    greet_with(c, {"SELECT", std::to_string(c.db)});
+    greet_with(c, {"CLIENT", "SETNAME", link_name(c, "command")});
+    for (size_t i = 0; i < redis::SCRIPTS; i++) {
+        const std::string text = redis::script_text(static_cast<redis::Script>(i));
+        greet_with(c, {"SCRIPT", "LOAD", text},
+                   [&c, i](const redisReply &reply) { c.digests[i] = redis::text_of(reply); });
+    }
+    greet_with(c, {"INFO", "server"}, [&c](const redisReply &reply) {
+        const std::string_view text = redis::text_of(reply);
+        const size_t at = text.find("run_id:");
+        c.instance = at == std::string_view::npos ? "" : text.substr(at + 7, 40);
+        greeted(c);
+    });
+}
+
+/* Sentinel says where the server is now; the greeting then goes there. */
+void ask_sentinel(Connection &c)
+{
+    const std::string &name = linux_env()->mom.name;
+    greet_with(c, {"SENTINEL", "get-master-addr-by-name", name}, [&c](const redisReply &reply) {
+        if (reply.type != REDIS_REPLY_ARRAY || reply.elements != 2) {
+            lose(c, "Sentinel does not know " + linux_env()->mom.name);
+            return;
+        }
+        const auto port = static_cast<uint16_t>(std::atoi(reply.element[1]->str));
+        c.server = {"", reply.element[0]->str, port, 0};
+        c.command.open(c.server);
+        greet(c);
+    });
+}
+
+void greeted(Connection &c)
+{
+    c.is_greeted = true;
+    c.probe_at = NEVER / 2;
+    probe_within(c, 0);
+    if (c.is_open) {
+        greet_subscriber(c);
+        return;
+    }
+    linux_loop_cancel(c.retry_timer);
+    c.backoff = BACKOFF_MIN;
+    c.last_reason.clear();
+}
+
+/* The subscriber link answers errors, one bulk string per fence, and what is published. */
+void greet_subscriber(Connection &c)
+{
+    c.subscriber.open(c.server);
+    const std::vector<std::string> login = credentials();
+    if (!login.empty())
+        c.subscriber.send(std::vector<std::string_view>(login.begin(), login.end()));
+    const std::string name = link_name(c, "subscriber");
+    c.subscriber.send(std::array<std::string_view, 3>{"CLIENT", "SETNAME", name});
+    fence(c, [&c] { become_ready(c); });
+}
+
+void become_ready(Connection &c)
+{
+    c.is_ready = true;
+    linux_loop_cancel(c.retry_timer);
+    if (!c.was_refused)
+        c.backoff = BACKOFF_MIN;
+    if (!c.last_reason.empty())
+        LINUX_LOG(KTDF_ZLOG_LV_NOTICE, "database %u: connected", c.db);
+    c.last_reason.clear();
+    if (c.is_lost)
+        enqueue_notice(c, [&c] { tell_reconnected(c); });
+    else
+        connect_told_later(c);
+}
+
+/* --- What the program is told; from the queue */
+
+void tell_connected(Connection &c)
+{
+    c.is_told_up = true;
+    c.told_instance = c.instance;
+    if (c.connected != nullptr)
+        c.connected(c.global, c.connected_user);
+}
+
+void tell_lost(Connection &c)
+{
+    c.owes_disconnect = false;
+    if (c.disconnected != nullptr)
+        c.disconnected(c.global, c.db);
+}
+
+void tell_reconnected(Connection &c)
+{
+    const bool is_same = c.told_instance == c.instance;
+    c.told_instance = c.instance;
+    c.is_lost = false;
+    if (!is_same)
+        drop_subscriptions(c);
+    const uint64_t made_before = c.serials;
+    const uint64_t epoch = c.epoch;
+    if (c.reconnected != nullptr)
+        c.reconnected(c.global, c.db, is_same ? KT_MOM_RECONNECT_SAME : KT_MOM_RECONNECT_OTHER);
+    if (c.epoch == epoch)
+        restart_subscriptions(c, made_before);
+}
+
+/* --- Answers */
+
+void answered(Connection &c, redis::Reply reply)
+{
+    c.command_heard = linux_loop_now();
+    if (c.requests.empty()) {
+        lose(c, std::string(redis::text_of(*reply))); /* "max number of clients reached" */
+        return;
+    }
+    const Handler handler = std::move(c.requests.front());
+    c.requests.pop_front();
+    if (handler) {
+        handler(std::move(reply));
+    } else if (redis::is_error(*reply)) {
+        c.was_refused = true;
+        lose(c, "a write was refused: " + std::string(redis::text_of(*reply)));
+    } else {
+        c.was_refused = false;
+    }
+}
+
+/* RESP2: a link that has joined a channel gets PING's answer as an array, else as it is. */
+void heard(Connection &c, redis::Reply reply)
+{
+    if (!c.fences.empty())
+        c.subscriber_heard = linux_loop_now();
+    const bool is_array = reply->type == REDIS_REPLY_ARRAY && reply->elements > 0;
+    const std::string_view word = redis::text_of(is_array ? *reply->element[0] : *reply);
+    if (is_array && word == "message" && reply->elements == 3) {
+        hear(c, redis::text_of(*reply->element[1]), redis::text_of(*reply->element[2]));
+    } else if (redis::is_error(*reply)) {
+        lose(c, std::string(word));
+    } else if (word == "fence" || (is_array && word == "pong")) {
+        if (c.fences.empty())
+            return;
+        const std::function<void()> passed = std::move(c.fences.front());
+        c.fences.pop_front();
+        passed();
+    }
+}
+
+/* --- Losing and watching */
+
+void retry_later(Connection &c)
+{
+    linux_loop_cancel(c.retry_timer);
+    linux_loop_cancel(c.tick_timer);
+    c.tick_timer = 0;
+    const int64_t wait = jittered(c.backoff);
+    c.backoff = std::min(c.backoff * 2, BACKOFF_MAX);
+    c.retry_timer = linux_loop_after(wait, [&c] { connect_now(c); });
+}
+
+void forget_requests(Connection &c)
+{
+    c.requests.clear();
+    c.held.clear();
+    c.held_bytes = 0;
+    c.changing = 0;
+    c.fences.clear();
+}
+
+void tick_within(Connection &c, int64_t micros)
+{
+    linux_loop_cancel(c.tick_timer);
+    c.tick_timer = linux_loop_after(micros, [&c] { tick(c); });
+}
+
+/*
+ * Either something is under way, then it is looked after once a second; or
+ * nothing is, then the next probe is waited for.
+ */
+void tick(Connection &c)
+{
+    if (is_silent(c)) {
+        lose(c, "the server has not answered for three seconds");
+        return;
+    }
+    if (!c.is_greeted)
+        return;
+    const int64_t now = linux_loop_now();
+    if (now >= c.probe_at) {
+        c.probe_at = now + PROBE_EVERY;
+        const auto arguments =
+            script_arguments(c, redis::Script::REAP, "", {c.has_owned ? redis::LEASE : "0"});
+        request(
+            c, arguments, [&c](const redis::Reply &reply) { probed(c, *reply); }, true);
+        if (c.is_ready)
+            fence(c, [] {});
+    }
+    const bool is_busy = !c.requests.empty() || !c.fences.empty();
+    tick_within(c, is_busy ? SECOND : c.probe_at - now);
+}
+
+/* With its memory full a server still answers. */
+void probed(Connection &c, const redisReply &reply)
+{
+    const std::string_view text = redis::text_of(reply);
+    if (!redis::is_error(reply)) {
+        if (reply.integer >= 0)
+            probe_within(c, reply.integer);
+    } else if (!text.starts_with("OOM")) {
+        c.was_refused = true;
+        lose(c, std::string(text));
+    }
+}
+
+/* A loop that was busy itself has not read yet what came meanwhile. */
+bool is_silent(Connection &c)
+{
+    const auto is_overdue = [&c] {
+        const int64_t oldest = linux_loop_now() - PATIENCE;
+        return (!c.requests.empty() && c.command_heard < oldest) ||
+               (!c.fences.empty() && c.subscriber_heard < oldest);
+    };
+    if (!is_overdue())
+        return false;
+    const uint64_t epoch = c.epoch;
+    c.command.turn();
+    if (c.epoch == epoch)
+        c.subscriber.turn();
+    return c.epoch == epoch && is_overdue();
+}
+
+std::vector<std::string_view> script_arguments(const Connection &c, redis::Script script,
+                                               const std::string &kind,
+                                               std::initializer_list<std::string_view> arguments)
+{
+    std::vector<std::string_view> all = {
+        "EVALSHA", c.digests[static_cast<size_t>(script)], "1", kind, c.prefix, c.life, ahead};
+    all.insert(all.end(), arguments);
+    return all;
+}
+
+} // namespace
+
+} // namespace mom

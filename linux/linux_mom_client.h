@@ -1,0 +1,284 @@
+/*
+ * linux_mom_client - connections to the database server and what is under way on
+ * them. Internal to linux_mom.
+ *
+ * linux_mom_client.cpp    clients, links, requests, losing and coming back
+ * linux_mom_delivery.cpp  subscriptions, and the queue through which every
+ *                         callback is made
+ * linux_mom_scan.cpp      scans
+ *
+ * Nothing here calls the program but deliver(), from the loop, and
+ * scan_now(). Either may find its connection ended afterwards (`has_ended`), since
+ * the program may finish its context; both hold it by a shared pointer.
+ *
+ * `epoch` grows with every loss. What a loss leaves behind is dropped at once:
+ * requests, fences, scans and the queue; no handler of theirs is called.
+ */
+#ifndef LINUX_LINUX_MOM_CLIENT_H
+#define LINUX_LINUX_MOM_CLIENT_H
+
+#include "linux/linux_mom.h"
+#include "linux/redis_link.h"
+#include "linux/redis_script.h"
+#include "object/object.h"
+
+#include <array>
+#include <deque>
+#include <functional>
+#include <initializer_list>
+#include <map>
+#include <memory>
+#include <string>
+#include <unordered_set>
+#include <vector>
+
+struct event;
+
+namespace mom
+{
+
+constexpr size_t DATABASES = 4;
+constexpr size_t SCANS_MAX = 65'536;
+constexpr size_t SUBSCRIPTIONS_MAX = 4'096;
+constexpr uint64_t NEVER = UINT64_MAX;
+
+/* --- Objects */
+
+/* What is worked out once of every kind; the kinds stand in the order of their names. */
+struct KindInfo {
+    const object::Kind *kind;
+    std::string name;
+    std::string shape;  /* redis::key_shape() */
+    std::string fields; /* numbers of all but `index` */
+};
+
+const std::vector<KindInfo> &kinds();
+
+/* Which object a request is about, or which ones. */
+struct Selector {
+    size_t kind = 0;
+    char mode = 'k'; /* as in redis_script.h */
+    std::string key;
+
+    bool selects(std::string_view object_key) const;
+    bool operator==(const Selector &) const = default;
+};
+
+struct Change {
+    uint32_t operation = KT_MOM_NONE;
+    uint32_t scan_state = KT_MOM_CHANGE;
+    int32_t error = 0;
+    size_t kind = 0;
+    std::string key = {};
+    object::Message object = {};
+    std::vector<uint32_t> fields = {}; /* of a hash set */
+};
+
+using ChangePtr = std::shared_ptr<const Change>;
+
+struct Receiver {
+    kt_global *global = nullptr;
+    kt_mom_callback callback = nullptr;
+    void *user = nullptr;
+
+    bool operator==(const Receiver &) const = default;
+};
+
+/* --- Connections */
+
+/* starting and ending: from the request until its fence is back. */
+enum class Standing { STARTING, LIVE, ENDING, GONE };
+
+struct Subscription {
+    Receiver receiver;
+    Selector selector; /* unused by a watcher */
+    uint32_t tag = 0;  /* of a field subscription */
+    uint64_t serial = 0;
+    bool is_watcher = false;
+    Standing standing = Standing::STARTING;
+    size_t queued = 0; /* changes in the queue */
+    bool is_overrun = false;
+    uint64_t told_at = NEVER;              /* the last scan requested before it was told to scan */
+    std::unordered_set<std::string> known; /* keys that its owner has been told of */
+    std::map<std::string, ChangePtr> missed; /* may have gone; null: only the key is known */
+};
+
+using SubscriptionPtr = std::shared_ptr<Subscription>;
+
+struct Channel {
+    std::vector<SubscriptionPtr> subscriptions;
+    bool is_joined = false;
+};
+
+struct Scan {
+    Receiver receiver;
+    Selector selector;
+    uint64_t serial = 0;
+    std::string cursor = "0";
+    bool is_awaited = false; /* a page is on its way */
+    bool is_last = false;
+    std::deque<ChangePtr> page = {};
+};
+
+/* A message for a subscription, or something else that must happen at this place. */
+struct Item {
+    SubscriptionPtr subscription;
+    ChangePtr change;
+    bool is_counted = false; /* towards the queue limit */
+    std::function<void()> notice = {};
+};
+
+using Handler = std::function<void(redis::Reply)>;
+
+struct HeldRequest {
+    std::string bytes;
+    Handler handler;
+};
+
+struct Connection : std::enable_shared_from_this<Connection> {
+    Connection(kt_global *of, uint32_t number, std::string life_of);
+
+    kt_global *global;
+    uint32_t db;
+    std::string prefix; /* of its channels, "4:" */
+    std::string life;
+    uint64_t epoch = 0;
+    bool has_ended = false;
+
+    /* What the program asked for and was told. */
+    bool is_sync_open = false;
+    bool is_open = false;
+    bool is_told_up = false;
+    bool is_lost = false;         /* since then, and not told that it is back */
+    bool owes_disconnect = false; /* not told that either */
+    uint64_t connects = 0;        /* which connect request counts */
+    kt_mom_connect_callback connected = nullptr;
+    void *connected_user = nullptr;
+    kt_mom_disconnect_callback disconnected = nullptr;
+    kt_mom_reconnect_callback reconnected = nullptr;
+
+    /* The links. */
+    redis::Link command;
+    redis::Link subscriber;
+    bool is_greeted = false; /* requests may be made */
+    bool is_ready = false;   /* and changes are heard */
+    bool was_refused = false;
+    redis::Address server;
+    unsigned attempts = 0;
+    int64_t backoff = 0;      /* microseconds */
+    uint64_t retry_timer = 0; /* also: gives up a greeting */
+    uint64_t tick_timer = 0;
+    int64_t probe_at = 0;
+    bool has_owned = false; /* has written owner objects */
+    std::string instance, told_instance;
+    std::string last_reason; /* in the log */
+    std::array<std::string, redis::SCRIPTS> digests;
+
+    /* Requests. */
+    std::deque<Handler> requests; /* sent, without an answer */
+    std::deque<HeldRequest> held; /* behind a subscription that is not in place */
+    size_t held_bytes = 0;
+    size_t changing = 0; /* subscriptions that start or end */
+    std::deque<std::function<void()>> fences;
+    int64_t command_heard = 0, subscriber_heard = 0;
+
+    /* Deliveries. */
+    std::deque<Item> queue;
+    event *deliver_event = nullptr;
+    bool is_armed = false;
+    std::deque<Scan> scans; /* the first is running */
+    uint64_t scan_count = 0;
+    std::vector<Channel> channels; /* by kind */
+    std::vector<SubscriptionPtr> watchers;
+    std::vector<SubscriptionPtr> farewells; /* operation 28 that a loss held up */
+    size_t subscriptions = 0;
+    uint64_t serials = 0;
+    std::unordered_set<size_t> reported; /* digests of what was logged as foreign */
+    linux_mom_state counts = {};
+};
+
+/* The connection of an open context, made when there is none yet; nullptr if there is no memory. */
+Connection *connection_of(kt_global *global, size_t place);
+/* The same, but never made. */
+Connection *connection_find(const kt_global *global, size_t place);
+
+void each_connection(const std::function<void(Connection &)> &visit);
+
+/* Requests, fences, scans and deliveries. */
+size_t under_way(const Connection &c);
+bool works(const Connection &c);
+bool sync_works(const Connection &c);
+
+/* Opens what the program asked for, if it is not open. */
+void connect_now(Connection &c);
+/* The same, and waits for the request link. */
+int connect_wait(Connection &c);
+void connect_told_later(Connection &c);
+
+/*
+ * Makes a request. Its answer goes to `handler`; without one it is a write, whose
+ * refusal ends the connection. 0 or -ENOBUFS; what the library itself needs is
+ * never refused.
+ */
+int request(Connection &c, redis::Arguments arguments, Handler handler = {},
+            bool is_needed = false);
+int request_script(Connection &c, redis::Script script, const std::string &kind,
+                   std::initializer_list<std::string_view> arguments, Handler handler = {});
+/* Makes a request and waits for its answer. 0 or -ENOTCONN. */
+int ask(Connection &c, redis::Arguments arguments, redis::Reply *answer);
+int ask_script(Connection &c, redis::Script script, const std::string &kind,
+               std::initializer_list<std::string_view> arguments, redis::Reply *answer);
+
+/* `passed` is called when everything that is published by now has been received. */
+void fence(Connection &c, std::function<void()> passed);
+/* A subscription starts or ends: requests wait until changed() has been called as often. */
+void changing(Connection &c);
+void changed(Connection &c);
+
+/* Ends the links and begins again. */
+void lose(Connection &c, const std::string &why);
+/* Something is due in that many milliseconds. */
+void probe_within(Connection &c, int64_t millis);
+
+void clock_ahead(int64_t millis);
+
+/* --- Deliveries */
+
+void arm(Connection &c);
+void enqueue(Connection &c, const SubscriptionPtr &subscription, ChangePtr change, bool is_counted);
+void enqueue_notice(Connection &c, std::function<void()> notice);
+void deliver(Connection &c);
+/* Calls the program, unless its context is finished. */
+void call(Connection &c, const Receiver &receiver, const Change &change);
+
+int subscribe(Connection &c, const Receiver &receiver, Selector selector, uint32_t tag);
+int watch(Connection &c, const Receiver &receiver);
+void unsubscribe(Connection &c, const Receiver &receiver, const Selector &selector);
+/* What was published on a channel. */
+void hear(Connection &c, std::string_view channel, std::string_view text);
+/* The owners of subscriptions have been told of an object by a scan. */
+void note_scanned(Connection &c, const Change &change);
+/* After a scan: whoever was told to scan before it learns what it has missed. */
+void tell_missed(Connection &c, const Scan &scan);
+/* Drops the queue, remembering what must not be lost. */
+void drop_queue(Connection &c);
+void drop_subscriptions(Connection &c);
+/* After a reconnect: everything made before goes through its start again. */
+void restart_subscriptions(Connection &c, uint64_t made_before);
+void queue_limit(size_t changes);
+
+/* Something in the server that is no object: logged once, counted. */
+void report_foreign(Connection &c, size_t kind, std::string_view key);
+
+/* --- Scans */
+
+int scan(Connection &c, const Receiver &receiver, Selector selector);
+int scan_now(Connection &c, const Receiver &receiver, const Selector &selector);
+/* The running scan's page has been delivered. */
+void scan_go_on(Connection &c);
+/* The stored object, or nullptr if it is none. */
+ChangePtr change_of(Connection &c, size_t kind, std::string_view key, std::string_view stored);
+
+} // namespace mom
+
+#endif

@@ -1,0 +1,123 @@
+/*
+ * redis_link - one socket to the database server.
+ *
+ * hiredis takes replies apart; sockets and buffers are kept here. That is what
+ * lets one connection serve both the event loop and the synchronous calls: a
+ * caller that must wait turns the link by itself (redis_links_wait()), and what
+ * it was not waiting for is handled as it would have been from the loop. A
+ * second connection for such calls could overtake requests that are still
+ * queued here.
+ *
+ * Requests are appended to a buffer and sent when the socket takes them,
+ * everything of one turn of the loop in one piece. Every reply goes to
+ * `replied`, in order; the end of the link goes to `lost`, once, with the
+ * reason, unless close() was called. Both may close the link. Nothing is sent
+ * again and nothing is kept over the end of a link; what that means for
+ * requests without a reply is the owner's business.
+ *
+ * At most 1 MiB is read a turn. How much may wait to be sent is for the owner to
+ * limit, who can refuse a request: see unsent() and LINK_UNSENT_MAX.
+ */
+#ifndef LINUX_REDIS_LINK_H
+#define LINUX_REDIS_LINK_H
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <hiredis/hiredis.h>
+#include <memory>
+#include <span>
+#include <string>
+#include <string_view>
+
+struct event;
+
+namespace redis
+{
+
+constexpr size_t LINK_UNSENT_MAX = 64u << 20;
+
+struct FreeReply {
+    void operator()(redisReply *reply) const
+    {
+        freeReplyObject(reply);
+    }
+};
+
+using Reply = std::unique_ptr<redisReply, FreeReply>;
+using Arguments = std::span<const std::string_view>;
+
+/* A Unix socket if there is a path, else TCP. */
+struct Address {
+    std::string path;
+    std::string
+        host; /* name or number; a name is looked up in every attempt, which may take time */
+    uint16_t port = 0;
+    unsigned attempt = 0; /* which of the addresses of a name: they take turns */
+};
+
+std::string_view text_of(const redisReply &reply);
+bool is_error(const redisReply &reply);
+
+/* Appends the request's bytes to `out`. */
+void format(std::string &out, Arguments arguments);
+
+class Link
+{
+public:
+    Link(std::function<void(Reply)> replied, std::function<void(const std::string &)> lost);
+    ~Link();
+    Link(const Link &) = delete;
+    Link &operator=(const Link &) = delete;
+
+    /*
+     * Begins to connect; requests may be sent at once. What goes wrong, now or
+     * later, comes to `lost` from the loop or from a wait, never from inside.
+     */
+    void open(const Address &address);
+    void close();
+    bool is_open() const;
+
+    void send(Arguments arguments);
+    /* A request that was formatted before. */
+    void send_raw(std::string_view request);
+    size_t unsent() const;
+
+    /* Takes what the socket has and gives it what it takes; never blocks. */
+    void turn();
+
+private:
+    friend int links_wait(std::span<Link *const> links, int64_t micros);
+
+    int connect_to(const Address &address);
+    void on_ready(bool is_readable, bool is_writable);
+    bool finish_connect();
+    void read_some();
+    bool take_replies();
+    void write_some();
+    void want_write(bool wanted);
+    void fail(const std::string &why);
+
+    std::function<void(Reply)> m_replied;
+    std::function<void(const std::string &)> m_lost;
+    int m_fd = -1;
+    uint64_t m_opening = 0; /* grows with every open() and close() */
+    bool m_is_connecting = false;
+    bool m_wants_write = false;
+    std::string m_refused; /* why open() failed; told from the loop */
+    std::string m_out;
+    size_t m_sent = 0; /* of m_out */
+    redisReader *m_reader = nullptr;
+    event *m_read = nullptr;
+    event *m_write = nullptr;
+};
+
+/*
+ * Waits at most so many microseconds for any of the open links to move, and
+ * turns those that do. 0, -ETIMEDOUT, or another negative errno value.
+ */
+int links_wait(std::span<Link *const> links, int64_t micros);
+
+} // namespace redis
+
+#endif

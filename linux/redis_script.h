@@ -1,0 +1,68 @@
+/*
+ * redis_script - what the server does in one step.
+ *
+ * Every change is one script: it writes, takes the mark of an open section off,
+ * and publishes last, so that nobody hears of what is not stored. A script that
+ * is refused (memory full) is refused whole. The scripts are loaded when a
+ * connection is made and called by the digest that the server answers with.
+ *
+ * What they keep beside the objects, in the same database:
+ *
+ *     vvlan:pending:<kind>   hash: key -> number of the section that marked it
+ *     vvlan:sections:<kind>  hash: number -> life, sort and template of a section
+ *     vvlan:deadlines        sorted set: "number kind" of the open sections
+ *     vvlan:number           the last section's number
+ *     vvlan:expiry           sorted set: "kind NUL key" of objects with a life
+ *     vvlan:leases           sorted set: lives that own objects
+ *     vvlan:owned:<life>     set: "kind NUL key" of a life's objects
+ *
+ * Scores are the server's time in milliseconds. A life is the random id of a
+ * client; it makes an object's writer known again after a reconnect, and a new
+ * life of the same program is another one.
+ *
+ * A kind whose name stands for something else than a hash is deleted by the next
+ * write to it. Objects that have no valid header count as absent; a write puts a
+ * whole object in their place.
+ *
+ * Limit: 4,096 open sections a kind ("FULL" beyond). The reaper deletes at most
+ * 1,000 objects a call.
+ */
+#ifndef LINUX_REDIS_SCRIPT_H
+#define LINUX_REDIS_SCRIPT_H
+
+#include <cstddef>
+#include <string>
+
+namespace redis
+{
+
+/*
+ * All take the kind as their one key, and first the channel's prefix ("4:"), the
+ * caller's life and how many milliseconds the clock is ahead (tests), then:
+ *
+ * SET     object key, lease of an owner write in ms or 0, life of the object in ms
+ *         or 0, message
+ * DEL     object key
+ * HSET    object key, field numbers as stored, the same as told, numbers of all
+ *         fields of the kind, message with the key only, message with the fields
+ * BEGIN   owner's (0, 1), selection, expiry in ms or 0
+ * END     owner's (0, 1), selection
+ * DEL_OW  selection
+ * REAP    lease in ms; 0 for none, -1 if the life ends. The kind is not used.
+ *         Answers the ms until something is due, -1 for nothing.
+ *
+ * A selection is three arguments: 'a' for all, 'k' for one key, 'p' for a key
+ * whose zero parts match anything; the shape of the kind's keys; the key.
+ */
+enum class Script { SET, DEL, HSET, BEGIN, END, DEL_OW, REAP };
+
+constexpr size_t SCRIPTS = 7;
+
+/* How long an owner may be silent, in milliseconds; as text, for the scripts. */
+constexpr const char *LEASE = "15000";
+
+std::string script_text(Script script);
+
+} // namespace redis
+
+#endif

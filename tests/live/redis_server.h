@@ -1,0 +1,48 @@
+/*
+ * A redis-server for one test: on a Unix socket in a directory of its own, killed
+ * with the test, and the directory removed. Clients go through a link beside the
+ * socket, which a test can take away or point elsewhere.
+ */
+#ifndef TESTS_LIVE_REDIS_SERVER_H
+#define TESTS_LIVE_REDIS_SERVER_H
+
+#include <hiredis/hiredis.h>
+#include <initializer_list>
+#include <string>
+#include <string_view>
+#include <sys/types.h>
+#include <vector>
+
+class RedisServer
+{
+public:
+    /* With `keeps_data` everything is in a file before it is acknowledged. */
+    explicit RedisServer(bool keeps_data = false);
+    ~RedisServer();
+    RedisServer(const RedisServer &) = delete;
+    RedisServer &operator=(const RedisServer &) = delete;
+
+    void start(); /* returns when it accepts connections */
+    void kill();  /* SIGKILL: the socket stays where it is */
+    void freeze();
+    void thaw();
+
+    const std::string &directory() const;
+    const std::string &socket() const;
+    const std::string &link() const;
+    void unlink_clients();
+    void link_clients(const std::string &to_socket);
+
+    /* A command on a connection of the test's own; the answer as text, lines for an array. */
+    std::string command(std::initializer_list<std::string_view> words);
+    /* Ids of the clients whose name contains the text. */
+    std::vector<std::string> clients(std::string_view name);
+
+private:
+    bool m_keeps_data;
+    pid_t m_pid = -1;
+    std::string m_directory, m_socket, m_link;
+    redisContext *m_control = nullptr;
+};
+
+#endif

@@ -3,11 +3,11 @@
 #include "ctl/ctl_db.h"
 #include "ctl/ctl_state.h"
 #include "ctl/ctl_value.h"
-#include "ctl/ctl_words.h"
 #include "mom/kt_mom_peer.h"
 #include "platform/libddm.h"
 #include "proto/s_bridge.pb-c.h"
 #include "proto/u_bridge.pb-c.h"
+#include "words/words.h"
 
 namespace ctl
 {
@@ -59,7 +59,7 @@ void bridge_notice(const Context &context, const NoticeOptions &options)
         SBridge__VvlanPortNoty notice = S_BRIDGE__VVLAN_PORT_NOTY__INIT;
         notice.index = &index;
         databases.publish(DB_NOTICE, notice.base);
-        text += (text.empty() ? "" : "; ") + words_change(KT_MOM_PUBLISH, notice.base, {});
+        text += (text.empty() ? "" : "; ") + words::change(KT_MOM_PUBLISH, notice.base, {});
     }
     databases.settle();
     report(context, "told: " + text);
@@ -78,7 +78,7 @@ void bridge_learn(const Context &context, const std::string &port, const Strings
     for (const Mac &mac : wanted) {
         const MacMessage message(vid, mac, ifx);
         databases.set(DB_MAC, message.notice.base);
-        text += (text.empty() ? "" : "; ") + words_change(KT_MOM_SET, message.notice.base, {});
+        text += (text.empty() ? "" : "; ") + words::change(KT_MOM_SET, message.notice.base, {});
     }
     databases.settle();
     if (!context.json)
@@ -101,12 +101,12 @@ void bridge_gone(const Context &context, const Strings &words, const std::string
     for (const Mac &mac : wanted) {
         const uint32_t stands_on = learnt_on(databases, vid, mac);
         if (has_port && stands_on != port)
-            throw Failure{REFUSED, mac_text(mac) + " is learnt on port " +
+            throw Failure{REFUSED, words::mac(mac) + " is learnt on port " +
                                        std::to_string(stands_on) + ", not on port " +
                                        std::to_string(port) + ": leave the port out"};
         const MacMessage message(vid, mac, stands_on);
         databases.del(DB_MAC, message.notice.base);
-        text += (text.empty() ? "" : "; ") + words_change(KT_MOM_DEL, message.notice.base, {});
+        text += (text.empty() ? "" : "; ") + words::change(KT_MOM_DEL, message.notice.base, {});
     }
     databases.settle();
     report(context, text);
@@ -165,7 +165,7 @@ uint32_t learnt_on(Databases &databases, uint32_t vlan, const Mac &mac)
 {
     const object::Message found = databases.get(DB_MAC, MacMessage(vlan, mac, 0).notice.base);
     if (found == nullptr)
-        throw Failure{REFUSED, mac_text(mac) + " is not learnt in VLAN " + std::to_string(vlan) +
+        throw Failure{REFUSED, words::mac(mac) + " is not learnt in VLAN " + std::to_string(vlan) +
                                    ": vvlanctl show macs lists those that are"};
     return reinterpret_cast<const UBridge__MacVidRegNoti *>(found.get())->port_id;
 }
@@ -179,7 +179,7 @@ void warn_of_stranger(const Context &context, Databases &databases, uint32_t por
         context.host.err << "vvlanctl: note: port " << port
                          << " is not in automatic mode, where addresses do not count\n";
     else if (!oui_match(ouis_read(databases), mac))
-        context.host.err << "vvlanctl: note: " << mac_text(mac)
+        context.host.err << "vvlanctl: note: " << words::mac(mac)
                          << " belongs to no OUI, so it does not count as a voice device\n";
 }
 

@@ -6,7 +6,7 @@
 #include "ctl/ctl_db.h"
 #include "ctl/ctl_state.h"
 #include "ctl/ctl_value.h"
-#include "ctl/ctl_words.h"
+#include "words/words.h"
 
 namespace ctl
 {
@@ -83,7 +83,7 @@ void config_set(const Context &context, const Strings &words)
         fields.push_back(QOS);
     databases.hset(DB_CONFIG, glb.base, fields);
     databases.settle();
-    report(context, words_change(KT_MOM_HSET, glb.base, fields));
+    report(context, words::change(KT_MOM_HSET, glb.base, fields));
 }
 
 void config_oui_add(const Context &context, const Strings &ouis)
@@ -104,7 +104,7 @@ void config_oui_add(const Context &context, const Strings &ouis)
     std::string text;
     for (const Oui &oui : wanted) {
         databases.set(DB_CONFIG, OuiMessage(oui).config.base);
-        text += (text.empty() ? "" : " ") + oui_text(oui);
+        text += (text.empty() ? "" : " ") + words::oui(oui);
     }
     databases.settle();
     report(context, "OUI " + text + " configured, " + std::to_string(standing.size()) + " of " +
@@ -121,13 +121,13 @@ void config_oui_del(const Context &context, const Strings &ouis)
     for (const Oui &oui : wanted) {
         if (!standing.contains(oui))
             throw Failure{REFUSED,
-                          "OUI " + oui_text(oui) +
+                          "OUI " + words::oui(oui) +
                               " is not configured: vvlanctl oui list shows those that are"};
     }
     std::string text;
     for (const Oui &oui : wanted) {
         databases.del(DB_CONFIG, OuiMessage(oui).config.base);
-        text += (text.empty() ? "" : " ") + oui_text(oui);
+        text += (text.empty() ? "" : " ") + words::oui(oui);
     }
     databases.settle();
     report(context, "OUI " + text + " no longer configured");

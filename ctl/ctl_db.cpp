@@ -5,6 +5,7 @@
 #include <exception>
 
 #include "mom/kt_mom_peer.h"
+#include "words/words.h"
 
 namespace ctl
 {
@@ -26,11 +27,7 @@ std::string reason(int result);
 
 uint32_t db_of_kind(std::string_view kind)
 {
-    if (kind.starts_with("p_bridge."))
-        return DB_CONFIG;
-    if (kind.starts_with("u_bridge.mac_vid_reg"))
-        return DB_MAC;
-    return kind.starts_with("u_bridge.") ? DB_STATE : DB_NOTICE;
+    return words::database_of(kind).value_or(DB_CONFIG);
 }
 
 kt_global *Databases::context()

@@ -1,9 +1,9 @@
 #include "ctl/ctl_json.h"
 
-#include "ctl/ctl_words.h"
 #include "object/object_field.h"
 #include "proto/key_role.h"
 #include "proto/p_bridge.pb-c.h"
+#include "words/words.h"
 
 namespace ctl
 {
@@ -44,7 +44,8 @@ Json json_message(const ProtobufCMessage &message)
         if (is_absent && is_mac)
             json[field.name] = nullptr;
         else if (is_mac)
-            json[field.name] = mac_text(mac_of(object::member<PLibpub__Mac *>(message, field)));
+            json[field.name] =
+                words::mac(words::mac_of(object::member<PLibpub__Mac *>(message, field)));
         else if (!is_absent)
             json[field.name] = json_field(message, field);
     }
@@ -81,9 +82,9 @@ Json json_port(uint32_t ifx, const PortState &port, const Settings &settings)
 
 Json json_oui(const Oui &oui, const OuiState &state)
 {
-    const int length = mask_length(oui.mask);
-    return {{"mac", mac_text(oui.mac)},
-            {"mask", mac_text(oui.mask)},
+    const int length = words::mask_length(oui.mask);
+    return {{"mac", words::mac(oui.mac)},
+            {"mask", words::mac(oui.mask)},
             {"prefix", length < 0 ? Json(nullptr) : Json(length)},
             {"configured", state.configured},
             {"ace_id", json_or_null(state.ace_id)}};
@@ -91,10 +92,10 @@ Json json_oui(const Oui &oui, const OuiState &state)
 
 Json json_mac(const MacState &mac)
 {
-    return {{"mac", mac_text(mac.mac)},
+    return {{"mac", words::mac(mac.mac)},
             {"vlan", mac.vlan},
             {"port", mac.port},
-            {"oui", mac.oui ? Json(oui_text(*mac.oui)) : Json(nullptr)},
+            {"oui", mac.oui ? Json(words::oui(*mac.oui)) : Json(nullptr)},
             {"voice", mac.is_voice}};
 }
 
@@ -108,7 +109,7 @@ Json json_events(const State &state)
                                                             static_cast<int>(event.msg_type));
     Json json = {{"type", event.msg_type},
                  {"name", name == nullptr ? Json(nullptr) : Json(name->name)},
-                 {"words", words_failure(event)},
+                 {"words", words::failure(event)},
                  {"object", json_message(event.base)}};
     events.push_back(std::move(json));
     return events;

@@ -3,7 +3,7 @@
 #include "ctl/ctl_json.h"
 #include "ctl/ctl_state.h"
 #include "ctl/ctl_table.h"
-#include "ctl/ctl_words.h"
+#include "words/words.h"
 
 namespace ctl
 {
@@ -27,6 +27,20 @@ Json json_of(const Context &context, const State &state, const std::string &what
 std::string yes_no(bool value)
 {
     return value ? "yes" : "no";
+}
+
+/* "45s", "2m05s", "23h59m" */
+std::string seconds_text(uint32_t seconds)
+{
+    const uint32_t minutes = seconds / 60;
+    char text[sizeof "71582788h59m"];
+    if (minutes == 0)
+        std::snprintf(text, sizeof text, "%us", seconds);
+    else if (minutes < 60)
+        std::snprintf(text, sizeof text, "%um%02us", minutes, seconds % 60);
+    else
+        std::snprintf(text, sizeof text, "%uh%02um", minutes / 60, minutes % 60);
+    return text;
 }
 
 } // namespace
@@ -92,7 +106,7 @@ void print_settings(const Context &context, const State &state)
     std::ostream &out = context.host.out;
     out << "Voice VLAN   " << vlan << (now.enable ? ", on" : ", off") << '\n'
         << "Security     " << (now.security ? "on" : "off") << '\n'
-        << "Aging time   " << words_minutes(now.aging) << '\n'
+        << "Aging time   " << words::minutes(now.aging) << '\n'
         << "Marking      CoS " << now.cos << ", DSCP " << now.dscp << '\n'
         << "Database     " << context.host.server() << '\n'
         << "Daemon       " << (state.daemon_away.empty() ? "running" : state.daemon_away) << '\n';
@@ -111,8 +125,8 @@ void print_ports(std::ostream &out, const State &state)
                    : port.automatic ? "auto"
                                     : "manual",
                    port_word(port, state.settings), yes_no(port.trapped), yes_no(port.joined),
-                   std::to_string(port.voice_macs), left ? words_seconds(port.daemon->quiet) : "",
-                   left ? words_seconds(*left) : "", phyid});
+                   std::to_string(port.voice_macs), left ? seconds_text(port.daemon->quiet) : "",
+                   left ? seconds_text(*left) : "", phyid});
     }
     print_nothing_or(out, table, "none configured: vvlanctl port auto 1-48");
 }
@@ -121,7 +135,7 @@ void print_ouis(std::ostream &out, const State &state)
 {
     Table table({"OUI", "CONFIGURED", "IN FORCE", "ACE ID"});
     for (const auto &[oui, row] : state.ouis)
-        table.row({oui_text(oui), yes_no(row.configured), yes_no(row.ace_id.has_value()),
+        table.row({words::oui(oui), yes_no(row.configured), yes_no(row.ace_id.has_value()),
                    row.ace_id ? std::to_string(*row.ace_id) : ""});
     print_nothing_or(out, table, "none configured: vvlanctl oui add 00:11:22/24");
 }
@@ -138,8 +152,8 @@ void print_macs(std::ostream &out, const State &state, bool only_voice, size_t m
             left_out++;
             continue;
         }
-        table.row({mac_text(mac.mac), std::to_string(mac.port), std::to_string(mac.vlan),
-                   mac.oui ? oui_text(*mac.oui) : "", yes_no(mac.is_voice)});
+        table.row({words::mac(mac.mac), std::to_string(mac.port), std::to_string(mac.vlan),
+                   mac.oui ? words::oui(*mac.oui) : "", yes_no(mac.is_voice)});
     }
     print_nothing_or(out, table, only_voice ? "none" : "none learnt");
     if (left_out != 0)
@@ -164,7 +178,8 @@ void print_events(std::ostream &out, const State &state)
         out << "  none reported\n";
     else
         out << "  "
-            << words_failure(*reinterpret_cast<const PBridge__VvlanErrEvent *>(state.failure.get()))
+            << words::failure(
+                   *reinterpret_cast<const PBridge__VvlanErrEvent *>(state.failure.get()))
             << '\n';
 }
 

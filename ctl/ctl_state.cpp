@@ -3,8 +3,8 @@
 #include <algorithm>
 #include <charconv>
 
-#include "ctl/ctl_words.h"
 #include "proto/u_bridge.pb-c.h"
+#include "words/words.h"
 
 namespace ctl
 {
@@ -61,7 +61,7 @@ std::map<Oui, OuiState> ouis_read(Databases &databases)
     databases.scan("p_bridge.vvlan_oui_cfg", [&](const ProtobufCMessage &message, auto) {
         const auto *index = as<PBridge__VvlanOuiCfg>(message).index;
         if (index != nullptr)
-            ouis[{mac_of(index->mac), mac_of(index->mask)}].configured = true;
+            ouis[{words::mac_of(index->mac), words::mac_of(index->mask)}].configured = true;
     });
     return ouis;
 }
@@ -186,7 +186,8 @@ void read_records(Databases &databases, State *state)
     databases.scan("u_bridge.vvlan_oui_cfg", [&](const ProtobufCMessage &message, auto) {
         const auto &oui = as<UBridge__VvlanOuiCfg>(message);
         if (oui.oui != nullptr && oui.index != nullptr)
-            state->ouis[{mac_of(oui.oui->mac), mac_of(oui.oui->mask)}].ace_id = oui.index->ace_id;
+            state->ouis[{words::mac_of(oui.oui->mac), words::mac_of(oui.oui->mask)}].ace_id =
+                oui.index->ace_id;
     });
     databases.scan("p_bridge.vvlan_err_event", [&](const ProtobufCMessage &message, auto) {
         state->failure = object::copy(message);
@@ -199,7 +200,7 @@ void read_macs(Databases &databases, State *state)
         const auto &noti = as<UBridge__MacVidRegNoti>(message);
         if (noti.index == nullptr)
             return;
-        const Mac mac = mac_of(noti.index->t_mac);
+        const Mac mac = words::mac_of(noti.index->t_mac);
         const auto oui = oui_match(state->ouis, mac);
         const auto port = state->ports.find(noti.port_id);
         const bool is_voice = oui.has_value() && port != state->ports.end() &&

@@ -1,9 +1,7 @@
 #include "ctl/ctl_value.h"
 
 #include <algorithm>
-#include <bit>
 #include <charconv>
-#include <cstdio>
 #include <optional>
 #include <set>
 
@@ -23,7 +21,6 @@ uint32_t limited_parse(std::string_view text, const char *what, uint32_t least, 
 /* Pairs of hexadecimal digits with one kind of separator between them, or nothing. */
 std::optional<std::vector<uint8_t>> bytes_parse(std::string_view text);
 Mac padded(const std::vector<uint8_t> &bytes);
-Mac mask_of_length(unsigned length);
 Mac masked(const Oui &oui);
 
 } // namespace
@@ -121,22 +118,14 @@ Mac mac_parse(std::string_view text)
     return padded(*bytes);
 }
 
-std::string mac_text(const Mac &mac)
-{
-    char text[sizeof "00:11:22:33:44:55"];
-    std::snprintf(text, sizeof text, "%02x:%02x:%02x:%02x:%02x:%02x", mac[0], mac[1], mac[2],
-                  mac[3], mac[4], mac[5]);
-    return text;
-}
-
 Mac mac_station_parse(std::string_view text)
 {
     const Mac mac = mac_parse(text);
     if ((mac[0] & GROUP_BIT) != 0)
-        refuse(mac_text(mac) + " is a group address, which a bridge never learns: give a "
-                               "station's address, its first byte even");
+        refuse(words::mac(mac) + " is a group address, which a bridge never learns: give a "
+                                 "station's address, its first byte even");
     if (mac == Mac{})
-        refuse(mac_text(mac) + " is no station's address");
+        refuse(words::mac(mac) + " is no station's address");
     return mac;
 }
 
@@ -148,7 +137,7 @@ Oui oui_parse(std::string_view text)
     const auto address = bytes_parse(text.substr(0, slash));
     if (!address)
         misread(text, WANTED);
-    Oui oui{padded(*address), mask_of_length(static_cast<unsigned>(address->size()) * 8)};
+    Oui oui{padded(*address), words::mask_of_length(static_cast<unsigned>(address->size()) * 8)};
     if (slash == std::string_view::npos)
         return oui;
     const std::string_view mask = text.substr(slash + 1);
@@ -161,16 +150,16 @@ Oui oui_parse(std::string_view text)
         refuse("/" + std::string(mask) +
                " is no prefix length: a MAC address has 48 bits, an OUI "
                "24 of them");
-    oui.mask = mask_of_length(length);
+    oui.mask = words::mask_of_length(length);
     return oui;
 }
 
 void oui_check(const Oui &oui)
 {
-    const std::string text = oui_text(oui);
-    const int length = mask_length(oui.mask);
+    const std::string text = words::oui(oui);
+    const int length = words::mask_length(oui.mask);
     if (length < 0)
-        refuse("mask " + mac_text(oui.mask) +
+        refuse("mask " + words::mac(oui.mask) +
                " is no prefix, so it would never match: give one "
                "bits followed by zero bits, such as /24");
     if (length == 0)
@@ -181,24 +170,10 @@ void oui_check(const Oui &oui)
                       "first byte");
     if (masked(oui) != oui.mac)
         refuse(text + " has address bits outside its mask, so it would never match: give " +
-               oui_text({masked(oui), oui.mask}) + ", or a longer mask");
+               words::oui({masked(oui), oui.mask}) + ", or a longer mask");
     if (oui.mac == Mac{})
         refuse(text + " is all zero, which no device has: give the first bytes of the devices' "
                       "addresses");
-}
-
-int mask_length(const Mac &mask)
-{
-    int length = 0;
-    for (const uint8_t byte : mask)
-        length += std::popcount(byte);
-    return mask == mask_of_length(static_cast<unsigned>(length)) ? length : -1;
-}
-
-std::string oui_text(const Oui &oui)
-{
-    const int length = mask_length(oui.mask);
-    return mac_text(oui.mac) + "/" + (length < 0 ? mac_text(oui.mask) : std::to_string(length));
 }
 
 namespace
@@ -252,14 +227,6 @@ Mac padded(const std::vector<uint8_t> &bytes)
     Mac mac{};
     std::copy_n(bytes.begin(), std::min(bytes.size(), mac.size()), mac.begin());
     return mac;
-}
-
-Mac mask_of_length(unsigned length)
-{
-    Mac mask{};
-    for (unsigned bit = 0; bit < length; bit++)
-        mask[bit / 8] = static_cast<uint8_t>(mask[bit / 8] | 0x80 >> bit % 8);
-    return mask;
 }
 
 Mac masked(const Oui &oui)

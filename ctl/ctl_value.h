@@ -8,14 +8,13 @@
 #ifndef CTL_CTL_VALUE_H
 #define CTL_CTL_VALUE_H
 
-#include <array>
-#include <compare>
 #include <cstdint>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "ctl/ctl.h"
+#include "words/words.h"
 
 namespace ctl
 {
@@ -27,13 +26,8 @@ constexpr uint32_t DSCP_MAX = 63;
 constexpr size_t OUI_MAX = 127;     /* entry ids in the ACLs */
 constexpr size_t PORTS_MAX = 65536; /* ports in one command */
 
-using Mac = std::array<uint8_t, 6>;
-
-struct Oui {
-    Mac mac{};
-    Mac mask{};
-    auto operator<=>(const Oui &) const = default;
-};
+using words::Mac;
+using words::Oui;
 
 /* Decimal or 0x hexadecimal, 32 bits; `what` names it in the error. */
 uint32_t number_parse(std::string_view text, const std::string &what);
@@ -57,7 +51,6 @@ std::string ports_text(const std::vector<uint32_t> &ports);
  * case.
  */
 Mac mac_parse(std::string_view text);
-std::string mac_text(const Mac &mac);
 
 /* A MAC that a bridge may learn: no group address, not all zero. */
 Mac mac_station_parse(std::string_view text);
@@ -70,12 +63,6 @@ Oui oui_parse(std::string_view text);
 
 /* Refuses an OUI that would never match a voice device. */
 void oui_check(const Oui &oui);
-
-/* The length of a prefix mask, or -1 when the mask is none. */
-int mask_length(const Mac &mask);
-
-/* "00:11:22:00:00:00/24"; a mask that is no prefix is written out. */
-std::string oui_text(const Oui &oui);
 
 } // namespace ctl
 

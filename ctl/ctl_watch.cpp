@@ -12,9 +12,9 @@
 #include "ctl/ctl_json.h"
 #include "ctl/ctl_object.h"
 #include "ctl/ctl_value.h"
-#include "ctl/ctl_words.h"
 #include "mom/kt_mom_peer.h"
 #include "platform/kt_thread.h"
+#include "words/words.h"
 
 namespace ctl
 {
@@ -324,12 +324,12 @@ std::string Watch::line_of(const Change &change)
                     protobuf_c_message_descriptor_get_field(change.object.descriptor, number))
                 json["fields"].push_back(field->name);
         }
-        json["words"] = words_change(change.operation, change.object, change.fields);
+        json["words"] = words::change(change.operation, change.object, change.fields);
         return json_text(json);
     }
     const std::string head = stamp() + "  db " + std::to_string(change.db) + "  ";
     if (in_words)
-        return head + words_change(change.operation, change.object, change.fields);
+        return head + words::change(change.operation, change.object, change.fields);
     return head + operation_name(change) + " " + change.object.descriptor->name + " " +
            object::to_text(change.object);
 }

@@ -6,8 +6,8 @@
 #include <span>
 #include <string_view>
 
-#include "platform/kt_mom.h"
 #include "proto/key_role.h"
+#include "words/words.h"
 
 namespace sim
 {
@@ -17,42 +17,11 @@ namespace
 
 constexpr uint32_t KEY_FIELD = 5;
 
-/* What the player knows of a kind; in the texts {field} stands for its value. */
-struct KindWords {
-    const char *kind;
-    uint32_t db; /* where its objects are */
-    const char *set;
-    const char *del;
-};
-
-constexpr KindWords WORDS[] = {
-    {"p_bridge.vvlan_glb_cfg", 4, "the global settings change", "the global settings are deleted"},
-    {"p_bridge.vvlan_oui_cfg", 4, "an OUI is configured", "an OUI is no longer configured"},
-    {"p_bridge.vvlan_port_cfg", 4, "port {index.ifx} is configured",
-     "port {index.ifx} is no longer configured"},
-    {"p_bridge.vvlan_port_auto", 4, "port {index.ifx} joins the voice VLAN",
-     "port {index.ifx} leaves the voice VLAN"},
-    {"p_bridge.vvlan_err_event", 4, "a failure is reported", "a failure report is deleted"},
-    {"s_bridge.vvlan_port_noty", 0, "a voice device is seen", "a notice is deleted"},
-    {"u_bridge.mac_vid_reg_noti", 6, "{index.t_mac} is learnt on port {port_id}",
-     "{index.t_mac} is gone from port {port_id}"},
-    {"u_bridge.vvlan_oui_cfg", 8, "the OUI gets ACE id {index.ace_id}",
-     "ACE id {index.ace_id} is given back"},
-    {"u_bridge.vvlan_port_cfg", 8, "port {index.ifx} is trapped",
-     "the trap of port {index.ifx} goes"},
-    {"u_bridge.vvlan_join", 8, "port {index.ifx} is recorded as joined",
-     "port {index.ifx}'s join record goes"},
-    {"u_bridge.mac_vid_reg", 6, "MACs of VLAN {index.vid} are wanted",
-     "MACs of VLAN {index.vid} are not wanted"},
-    {"s_cluster.reg_pkt_info", 0, "the packet plug-in is registered", "the packet plug-in goes"},
-};
-
 /* The one kind whose fields are set and told one by one. */
 constexpr std::string_view FIELDWISE = "p_bridge.vvlan_glb_cfg";
 
 using Values = std::map<std::string, std::string, std::less<>>; /* "qos.cos" to "6" */
 
-const KindWords *words_of(std::string_view kind);
 ObjectKind kind_in(Cursor &cursor, uint32_t db, size_t db_column);
 void check_use(const ObjectText &object, const object::Kind &kind, ObjectUse use, size_t column);
 std::vector<std::string> key_paths(const object::Kind &kind);
@@ -111,29 +80,8 @@ bool object_has(const ProtobufCMessage &stored, const ObjectText &wanted)
     });
 }
 
-std::string object_change_words(uint32_t operation, const ProtobufCMessage &message)
-{
-    const KindWords *words = words_of(message.descriptor->name);
-    if (words == nullptr)
-        return {};
-    const Values values = values_of(object::to_text(message));
-    std::string text = operation == KT_MOM_DEL ? words->del : words->set;
-    for (size_t open; (open = text.find('{')) != std::string::npos;) {
-        const size_t close = text.find('}', open);
-        const std::string field = text.substr(open + 1, close - open - 1);
-        text.replace(open, close - open + 1, value_at(values, field));
-    }
-    return text;
-}
-
 namespace
 {
-
-const KindWords *words_of(std::string_view kind)
-{
-    const auto *words = std::ranges::find(WORDS, kind, &KindWords::kind);
-    return words == std::end(WORDS) ? nullptr : words;
-}
 
 ObjectKind kind_in(Cursor &cursor, uint32_t db, size_t db_column)
 {
@@ -141,11 +89,11 @@ ObjectKind kind_in(Cursor &cursor, uint32_t db, size_t db_column)
     const size_t column = cursor.column();
     const std::string name = cursor.word(KIND);
     const object::Kind *kind = object::kind_by_name(name);
-    const KindWords *words = words_of(name);
-    if (kind == nullptr || words == nullptr)
+    const auto home = words::database_of(name);
+    if (kind == nullptr || !home)
         throw Refusal{column, KIND};
-    if (words->db != db)
-        throw Refusal{db_column, std::to_string(words->db) + ", the database of " + name};
+    if (*home != db)
+        throw Refusal{db_column, std::to_string(*home) + ", the database of " + name};
     return {db, kind};
 }
 

@@ -45,12 +45,6 @@ ObjectKind object_kind_parse(Cursor &cursor);
 /* Whether a stored object has the values that are given; others do not matter. */
 bool object_has(const ProtobufCMessage &stored, const ObjectText &wanted);
 
-/*
- * What a change of an object means to a network engineer, in a few words:
- * "port 3 joins the voice VLAN". Empty for a kind that it does not know.
- */
-std::string object_change_words(uint32_t operation, const ProtobufCMessage &message);
-
 } // namespace sim
 
 #endif

@@ -12,6 +12,7 @@
 #include "sim/sim_log.h"
 #include "sim/sim_mom.h"
 #include "sim/sim_restart.h"
+#include "words/words.h"
 
 namespace sim
 {
@@ -158,8 +159,8 @@ void tell_change(Stage &stage, uint32_t db, uint32_t operation, const ProtobufCM
                        : operation == KT_MOM_HSET    ? "hset"
                        : operation == KT_MOM_PUBLISH ? "publish"
                                                      : "set";
-    std::string text = object_change_words(operation, object);
-    text.resize(std::max<size_t>(text.size(), 38), ' ');
+    std::string text = words::change(operation, object, fields);
+    text.resize(std::max<size_t>(text.size(), 46), ' ');
     text += std::string(" | ") + verb + " " + std::to_string(db) + " " + object.descriptor->name;
     object::Message changed;
     const ProtobufCMessage *shown = &object;

@@ -217,7 +217,7 @@ TEST_F(Ctl, KeepsRoomFor127Ouis)
                          "configured, 3 of 127\n");
     std::string more;
     for (int number = 0; number < 124; number++)
-        more += " 02:" + ctl::mac_text({static_cast<uint8_t>(number)}).substr(0, 2) + "/16";
+        more += " 02:" + words::mac({static_cast<uint8_t>(number)}).substr(0, 2) + "/16";
     EXPECT_EQ(run("oui add" + more), 0) << err.str();
     EXPECT_EQ(run("oui add 00:55:66/24"), 1);
     EXPECT_THAT(err.str(), HasSubstr("128 OUIs"));
@@ -405,7 +405,7 @@ TEST(CtlParts, MatchesOuisAsTheDaemonDoes)
         ouis[ctl::oui_parse(text)] = {};
     const auto match = [&](const char *mac) {
         const auto found = ctl::oui_match(ouis, ctl::mac_parse(mac));
-        return found ? ctl::oui_text(*found) : "none";
+        return found ? words::oui(*found) : "none";
     };
     EXPECT_EQ(match("00:11:22:33:44:55"), "00:11:22:00:00:00/24") << "24 bits come first";
     EXPECT_EQ(match("00:11:23:33:44:55"), "00:11:00:00:00:00/16");

@@ -1,8 +1,8 @@
-#include "ctl/ctl_words.h"
+#include "words/words.h"
 
 #include <algorithm>
+#include <bit>
 #include <cstdio>
-#include <vector>
 
 #include "object/object.h"
 #include "platform/kt_mom.h"
@@ -10,7 +10,7 @@
 #include "proto/s_cluster.pb-c.h"
 #include "proto/u_bridge.pb-c.h"
 
-namespace ctl
+namespace words
 {
 
 namespace
@@ -44,7 +44,7 @@ std::string settings(const Change &change);
 std::string oui_configured(const Change &change);
 std::string port_configured(const Change &change);
 std::string port_joined(const Change &change);
-std::string failure(const Change &change);
+std::string failure_reported(const Change &change);
 std::string notice(const Change &change);
 std::string mac_learnt(const Change &change);
 std::string macs_wanted(const Change &change);
@@ -53,52 +53,54 @@ std::string port_trapped(const Change &change);
 std::string join_recorded(const Change &change);
 std::string plug_in(const Change &change);
 
-struct Words {
-    const ProtobufCMessageDescriptor *kind;
+struct Kind {
+    const ProtobufCMessageDescriptor *type;
+    uint32_t db;
     std::string (*tell)(const Change &change);
 };
 
-constexpr Words WORDS[] = {
-    {&p_bridge__vvlan_glb_cfg__descriptor, settings},
-    {&p_bridge__vvlan_oui_cfg__descriptor, oui_configured},
-    {&p_bridge__vvlan_port_cfg__descriptor, port_configured},
-    {&p_bridge__vvlan_port_auto__descriptor, port_joined},
-    {&p_bridge__vvlan_err_event__descriptor, failure},
-    {&s_bridge__vvlan_port_noty__descriptor, notice},
-    {&u_bridge__mac_vid_reg_noti__descriptor, mac_learnt},
-    {&u_bridge__mac_vid_reg__descriptor, macs_wanted},
-    {&u_bridge__vvlan_oui_cfg__descriptor, oui_in_force},
-    {&u_bridge__vvlan_port_cfg__descriptor, port_trapped},
-    {&u_bridge__vvlan_join__descriptor, join_recorded},
-    {&s_cluster__reg_pkt_info__descriptor, plug_in},
+constexpr Kind KINDS[] = {
+    {&p_bridge__vvlan_glb_cfg__descriptor, 4, settings},
+    {&p_bridge__vvlan_oui_cfg__descriptor, 4, oui_configured},
+    {&p_bridge__vvlan_port_cfg__descriptor, 4, port_configured},
+    {&p_bridge__vvlan_port_auto__descriptor, 4, port_joined},
+    {&p_bridge__vvlan_err_event__descriptor, 4, failure_reported},
+    {&s_bridge__vvlan_port_noty__descriptor, 0, notice},
+    {&u_bridge__mac_vid_reg_noti__descriptor, 6, mac_learnt},
+    {&u_bridge__mac_vid_reg__descriptor, 6, macs_wanted},
+    {&u_bridge__vvlan_oui_cfg__descriptor, 8, oui_in_force},
+    {&u_bridge__vvlan_port_cfg__descriptor, 8, port_trapped},
+    {&u_bridge__vvlan_join__descriptor, 8, join_recorded},
+    {&s_cluster__reg_pkt_info__descriptor, 0, plug_in},
 };
 
 enum SettingsField : uint32_t { GLB_SWITCH = 5, SECU_MODE = 6, AGE_TIME = 7, QOS = 8 };
 
-template <typename Pair> Oui oui_of(const Pair *oui)
+template <typename Pair> Oui oui_of(const Pair *pair)
 {
-    return oui == nullptr ? Oui{} : Oui{mac_of(oui->mac), mac_of(oui->mask)};
+    return pair == nullptr ? Oui{} : Oui{mac_of(pair->mac), mac_of(pair->mask)};
 }
 
 } // namespace
 
-std::string words_change(uint32_t operation, const ProtobufCMessage &object,
-                         std::span<const uint32_t> fields)
+std::optional<uint32_t> database_of(std::string_view kind)
 {
-    for (const Words &words : WORDS) {
-        if (words.kind == object.descriptor)
-            return words.tell({operation, object, fields});
-    }
+    const auto *found =
+        std::ranges::find_if(KINDS, [kind](const Kind &each) { return each.type->name == kind; });
+    return found == std::end(KINDS) ? std::nullopt : std::optional(found->db);
+}
+
+std::string change(uint32_t operation, const ProtobufCMessage &object,
+                   std::span<const uint32_t> fields)
+{
+    const auto *kind = std::ranges::find(KINDS, object.descriptor, &Kind::type);
+    if (kind != std::end(KINDS))
+        return kind->tell({operation, object, fields});
     const char *verb = operation == KT_MOM_DEL ? " deleted: " : " set: ";
     return object.descriptor->name + std::string(verb) + object::to_text(object);
 }
 
-std::string words_standing(const ProtobufCMessage &object)
-{
-    return words_change(KT_MOM_SET, object, {});
-}
-
-std::string words_failure(const PBridge__VvlanErrEvent &event)
+std::string failure(const PBridge__VvlanErrEvent &event)
 {
     const std::string failed = "FAILED: ";
     switch (event.msg_type) {
@@ -107,7 +109,7 @@ std::string words_failure(const PBridge__VvlanErrEvent &event)
     case P_BRIDGE__VVLAN_ERR_TYPE__VVLAN_SET_PORT_ENABLE:
         return failed + "port " + std::to_string(event.ifx) + " could not be configured";
     case P_BRIDGE__VVLAN_ERR_TYPE__VVLAN_SET_OUI_CONFIG:
-        return failed + "OUI " + oui_text(oui_of(event.oui)) + " could not be installed";
+        return failed + "OUI " + oui(oui_of(event.oui)) + " could not be installed";
     case P_BRIDGE__VVLAN_ERR_TYPE__VVLAN_SET_QOS_CONFIG:
         return failed + "voice traffic could not be marked with CoS " +
                std::to_string(event.qos == nullptr ? 0 : event.qos->cos) + ", DSCP " +
@@ -119,34 +121,50 @@ std::string words_failure(const PBridge__VvlanErrEvent &event)
     }
 }
 
-std::string words_minutes(uint32_t minutes)
+std::string minutes(uint32_t count)
 {
     constexpr uint32_t HOUR = 60;
-    std::string text = std::to_string(minutes) + (minutes == 1 ? " minute" : " minutes");
-    if (minutes > HOUR && minutes % HOUR == 0)
-        text += " (" + std::to_string(minutes / HOUR) + " h)";
+    std::string text = std::to_string(count) + (count == 1 ? " minute" : " minutes");
+    if (count > HOUR && count % HOUR == 0)
+        text += " (" + std::to_string(count / HOUR) + " h)";
     return text;
 }
 
-std::string words_seconds(uint64_t seconds)
+std::string mac(const Mac &address)
 {
-    constexpr uint64_t MINUTE = 60;
-    constexpr uint64_t HOUR = 3600;
-    const auto two = [](uint64_t number) {
-        return (number < 10 ? "0" : "") + std::to_string(number);
-    };
-    if (seconds < MINUTE)
-        return std::to_string(seconds) + "s";
-    if (seconds < HOUR)
-        return std::to_string(seconds / MINUTE) + "m" + two(seconds % MINUTE) + "s";
-    return std::to_string(seconds / HOUR) + "h" + two(seconds % HOUR / MINUTE) + "m";
+    char text[sizeof "00:11:22:33:44:55"];
+    std::snprintf(text, sizeof text, "%02x:%02x:%02x:%02x:%02x:%02x", address[0], address[1],
+                  address[2], address[3], address[4], address[5]);
+    return text;
 }
 
-Mac mac_of(const PLibpub__Mac *mac)
+std::string oui(const Oui &value)
+{
+    const int length = mask_length(value.mask);
+    return mac(value.mac) + "/" + (length < 0 ? mac(value.mask) : std::to_string(length));
+}
+
+int mask_length(const Mac &mask)
+{
+    int length = 0;
+    for (const uint8_t byte : mask)
+        length += std::popcount(byte);
+    return mask == mask_of_length(static_cast<unsigned>(length)) ? length : -1;
+}
+
+Mac mask_of_length(unsigned length)
+{
+    Mac mask{};
+    for (unsigned bit = 0; bit < length; bit++)
+        mask[bit / 8] = static_cast<uint8_t>(mask[bit / 8] | 0x80 >> bit % 8);
+    return mask;
+}
+
+Mac mac_of(const PLibpub__Mac *message)
 {
     Mac bytes{};
-    if (mac != nullptr)
-        std::copy_n(mac->data.data, std::min(mac->data.len, bytes.size()), bytes.begin());
+    if (message != nullptr)
+        std::copy_n(message->data.data, std::min(message->data.len, bytes.size()), bytes.begin());
     return bytes;
 }
 
@@ -177,7 +195,7 @@ std::string settings(const Change &change)
     if (tells(SECU_MODE, glb.secu_mode != 0))
         add("security " + on_off(glb.secu_mode));
     if (tells(AGE_TIME, glb.age_time != 0))
-        add("aging time " + words_minutes(glb.age_time));
+        add("aging time " + minutes(glb.age_time));
     if (tells(QOS, glb.qos != nullptr))
         add(glb.qos == nullptr ? "CoS and DSCP unset"
                                : "CoS " + std::to_string(glb.qos->cos) + ", DSCP " +
@@ -187,8 +205,8 @@ std::string settings(const Change &change)
 
 std::string oui_configured(const Change &change)
 {
-    const std::string oui = oui_text(oui_of(object_of<PBridge__VvlanOuiCfg>(change).index));
-    return "OUI " + oui + (change.is_gone() ? " no longer configured" : " configured");
+    return "OUI " + oui(oui_of(object_of<PBridge__VvlanOuiCfg>(change).index)) +
+           (change.is_gone() ? " no longer configured" : " configured");
 }
 
 std::string port_configured(const Change &change)
@@ -211,10 +229,10 @@ std::string port_joined(const Change &change)
            (joins ? " joins" : " leaves") + " the voice VLAN";
 }
 
-std::string failure(const Change &change)
+std::string failure_reported(const Change &change)
 {
     return change.is_gone() ? "failure report deleted"
-                            : words_failure(object_of<PBridge__VvlanErrEvent>(change));
+                            : failure(object_of<PBridge__VvlanErrEvent>(change));
 }
 
 std::string notice(const Change &change)
@@ -232,7 +250,7 @@ std::string mac_learnt(const Change &change)
 {
     const auto &noti = object_of<UBridge__MacVidRegNoti>(change);
     const auto *index = noti.index;
-    return mac_text(mac_of(index == nullptr ? nullptr : index->t_mac)) +
+    return mac(mac_of(index == nullptr ? nullptr : index->t_mac)) +
            (change.is_gone() ? " gone from port " : " learnt on port ") +
            std::to_string(noti.port_id) + ", VLAN " +
            std::to_string(index == nullptr ? 0 : index->t_fid);
@@ -246,10 +264,10 @@ std::string macs_wanted(const Change &change)
 
 std::string oui_in_force(const Change &change)
 {
-    const auto &oui = object_of<UBridge__VvlanOuiCfg>(change);
+    const auto &entry = object_of<UBridge__VvlanOuiCfg>(change);
     const std::string id =
         index_text<UBridge__VvlanOuiCfg>(change, &UBridge__VvlanOuiCfgIndex::ace_id);
-    return "OUI " + oui_text(oui_of(oui.oui)) +
+    return "OUI " + oui(oui_of(entry.oui)) +
            (change.is_gone() ? " out of force, ACE id " + id + " free" : " in force, ACE id " + id);
 }
 
@@ -273,4 +291,4 @@ std::string plug_in(const Change &change)
 
 } // namespace
 
-} // namespace ctl
+} // namespace words

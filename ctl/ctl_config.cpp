@@ -25,6 +25,36 @@ struct Wanted {
     std::optional<uint32_t> dscp;
 };
 
+/* What is wanted, and where a field has two halves what stands of the other. */
+struct SettingsMessage {
+    SettingsMessage(const Settings &standing, const Wanted &wanted)
+    {
+        glb_switch.vlan = wanted.vlan.value_or(standing.vlan);
+        glb_switch.enable = wanted.enable.value_or(standing.enable) ? 1 : 0;
+        qos.cos = wanted.cos.value_or(standing.cos);
+        qos.dscp = wanted.dscp.value_or(standing.dscp);
+        glb.glb_switch = &glb_switch;
+        glb.secu_mode = wanted.security.value_or(false) ? 1 : 0;
+        glb.age_time = wanted.aging.value_or(0);
+        glb.qos = &qos;
+        if (wanted.vlan || wanted.enable)
+            fields.push_back(GLB_SWITCH);
+        if (wanted.security)
+            fields.push_back(SECU_MODE);
+        if (wanted.aging)
+            fields.push_back(AGE_TIME);
+        if (wanted.cos || wanted.dscp)
+            fields.push_back(QOS);
+    }
+    SettingsMessage(const SettingsMessage &) = delete;
+    SettingsMessage &operator=(const SettingsMessage &) = delete;
+
+    PBridge__VvlanEn glb_switch = P_BRIDGE__VVLAN_EN__INIT;
+    PBridge__BQos qos = P_BRIDGE__B_QOS__INIT;
+    PBridge__VvlanGlbCfg glb = P_BRIDGE__VVLAN_GLB_CFG__INIT;
+    std::vector<uint32_t> fields;
+};
+
 /* A p_bridge.vvlan_oui_cfg whose parts stand together. */
 struct OuiMessage {
     explicit OuiMessage(const Oui &oui) : bytes(oui)
@@ -53,37 +83,29 @@ std::vector<uint32_t> ports_configured(const std::map<uint32_t, PortState> &stan
 
 } // namespace
 
+/*
+ * VLAN and switch are one field of the object, and so are CoS and DSCP: the half that is
+ * not given is kept as it stands, and when someone else changes it meanwhile, all is
+ * looked at again.
+ */
 void config_set(const Context &context, const Strings &words)
 {
+    constexpr int TRIES = 100;
     const Wanted wanted = settings_parse(words);
+    const object::Message any = object::empty(*object::kind_by_name("p_bridge.vvlan_glb_cfg"));
     Databases databases(context.host);
-    const Settings before = settings_read(databases);
-    settings_check(before, wanted);
-
-    PBridge__VvlanEn glb_switch = P_BRIDGE__VVLAN_EN__INIT;
-    glb_switch.vlan = wanted.vlan.value_or(before.vlan);
-    glb_switch.enable = wanted.enable.value_or(before.enable) ? 1 : 0;
-    PBridge__BQos qos = P_BRIDGE__B_QOS__INIT;
-    qos.cos = wanted.cos.value_or(before.cos);
-    qos.dscp = wanted.dscp.value_or(before.dscp);
-    PBridge__VvlanGlbCfg glb = P_BRIDGE__VVLAN_GLB_CFG__INIT;
-    glb.glb_switch = &glb_switch;
-    glb.secu_mode = wanted.security.value_or(false) ? 1 : 0;
-    glb.age_time = wanted.aging.value_or(0);
-    glb.qos = &qos;
-
-    std::vector<uint32_t> fields;
-    if (wanted.vlan || wanted.enable)
-        fields.push_back(GLB_SWITCH);
-    if (wanted.security)
-        fields.push_back(SECU_MODE);
-    if (wanted.aging)
-        fields.push_back(AGE_TIME);
-    if (wanted.cos || wanted.dscp)
-        fields.push_back(QOS);
-    databases.hset(DB_CONFIG, glb.base, fields);
-    databases.settle();
-    report(context, words::change(KT_MOM_HSET, glb.base, fields));
+    for (int tries = 0; tries < TRIES; tries++) {
+        const object::Message stored = databases.get(DB_CONFIG, *any);
+        const ProtobufCMessage &before = stored == nullptr ? *any : *stored;
+        const Settings standing = settings_of(before, {});
+        settings_check(standing, wanted);
+        const SettingsMessage after(standing, wanted);
+        if (databases.hset_if(DB_CONFIG, before, after.glb.base, after.fields)) {
+            report(context, words::change(KT_MOM_HSET, after.glb.base, after.fields));
+            return;
+        }
+    }
+    throw Failure{REFUSED, "other tools keep changing these settings: give it again"};
 }
 
 void config_oui_add(const Context &context, const Strings &ouis)
@@ -94,7 +116,8 @@ void config_oui_add(const Context &context, const Strings &ouis)
         oui_check(wanted.back());
     }
     Databases databases(context.host);
-    auto standing = ouis_read(databases);
+    const auto before = ouis_read(databases);
+    auto standing = before;
     for (const Oui &oui : wanted)
         standing[oui].configured = true;
     if (standing.size() > OUI_MAX)
@@ -107,7 +130,17 @@ void config_oui_add(const Context &context, const Strings &ouis)
         text += (text.empty() ? "" : " ") + words::oui(oui);
     }
     databases.settle();
-    report(context, "OUI " + text + " configured, " + std::to_string(standing.size()) + " of " +
+    const size_t count = ouis_read(databases).size();
+    if (count > OUI_MAX) { /* someone else took the room meanwhile */
+        for (const Oui &oui : wanted) {
+            if (!before.contains(oui))
+                databases.del(DB_CONFIG, OuiMessage(oui).config.base);
+        }
+        databases.settle();
+        throw Failure{REFUSED, "another tool added OUIs at the same time, and there is no room for "
+                               "these: see vvlanctl oui list"};
+    }
+    report(context, "OUI " + text + " configured, " + std::to_string(count) + " of " +
                         std::to_string(OUI_MAX));
 }
 

@@ -95,6 +95,18 @@ void Databases::hset(uint32_t db, const ProtobufCMessage &object, std::span<cons
     written.insert(db);
 }
 
+bool Databases::hset_if(uint32_t db, const ProtobufCMessage &before, const ProtobufCMessage &object,
+                        std::span<const uint32_t> fields)
+{
+    open(db);
+    const int result = kt_mom_hset_if_sync(context(), db, &before, &object, fields.data(),
+                                           static_cast<uint32_t>(fields.size()));
+    if (result == -ESTALE)
+        return false;
+    check(result, "set fields of", db, object);
+    return true;
+}
+
 void Databases::del(uint32_t db, const ProtobufCMessage &key)
 {
     open(db);

@@ -61,6 +61,9 @@ public:
 
     void set(uint32_t db, const ProtobufCMessage &object, uint64_t expire = 0);
     void hset(uint32_t db, const ProtobufCMessage &object, std::span<const uint32_t> fields);
+    /* Writes only while these fields are as in `before`; returns whether it did. */
+    bool hset_if(uint32_t db, const ProtobufCMessage &before, const ProtobufCMessage &object,
+                 std::span<const uint32_t> fields);
     void del(uint32_t db, const ProtobufCMessage &key);
     void publish(uint32_t db, const ProtobufCMessage &object);
 

@@ -38,20 +38,31 @@ uint32_t number_in(std::string_view text, int base);
 Settings settings_read(Databases &databases)
 {
     Settings settings;
-    const Settings standard;
-    databases.scan("p_bridge.vvlan_glb_cfg", [&](const ProtobufCMessage &message,
-                                                 std::span<const uint32_t> fields) {
-        constexpr uint32_t AGE_TIME = 7;
-        const auto &glb = as<PBridge__VvlanGlbCfg>(message);
-        const bool has_aging =
-            glb.age_time != 0 || std::find(fields.begin(), fields.end(), AGE_TIME) != fields.end();
-        settings.vlan = glb.glb_switch == nullptr ? 0 : glb.glb_switch->vlan;
+    databases.scan("p_bridge.vvlan_glb_cfg",
+                   [&](const ProtobufCMessage &stored, std::span<const uint32_t> fields) {
+                       settings = settings_of(stored, fields);
+                   });
+    return settings;
+}
+
+Settings settings_of(const ProtobufCMessage &stored, std::span<const uint32_t> fields)
+{
+    constexpr uint32_t AGE_TIME = 7;
+    const auto &glb = as<PBridge__VvlanGlbCfg>(stored);
+    const bool has_aging =
+        glb.age_time != 0 || std::find(fields.begin(), fields.end(), AGE_TIME) != fields.end();
+    Settings settings;
+    if (glb.glb_switch != nullptr) {
+        settings.vlan = glb.glb_switch->vlan;
         settings.enable = settings.vlan != 0 && glb.glb_switch->enable != 0;
-        settings.security = glb.secu_mode != 0;
-        settings.aging = has_aging ? glb.age_time : standard.aging;
-        settings.cos = glb.qos == nullptr ? standard.cos : glb.qos->cos;
-        settings.dscp = glb.qos == nullptr ? standard.dscp : glb.qos->dscp;
-    });
+    }
+    settings.security = glb.secu_mode != 0;
+    if (has_aging)
+        settings.aging = glb.age_time;
+    if (glb.qos != nullptr) {
+        settings.cos = glb.qos->cos;
+        settings.dscp = glb.qos->dscp;
+    }
     return settings;
 }
 

@@ -79,6 +79,9 @@ struct State {
 
 Settings settings_read(Databases &databases);
 
+/* Of the stored p_bridge.vvlan_glb_cfg; fields are those that are known to be stored. */
+Settings settings_of(const ProtobufCMessage &stored, std::span<const uint32_t> fields);
+
 /* Configured OUIs, and configured ports as their stored objects say. */
 std::map<Oui, OuiState> ouis_read(Databases &databases);
 std::map<uint32_t, PortState> ports_read(Databases &databases);

@@ -116,6 +116,16 @@ bool are_fields(const ProtobufCMessage &object, std::span<const uint32_t> fields
            });
 }
 
+/* The message with nothing but these fields. */
+std::string packed(const ProtobufCMessage &object, std::span<const uint32_t> fields)
+{
+    const object::Message part(protobuf_c_message_unpack(object.descriptor, nullptr, 0, nullptr));
+    if (part == nullptr)
+        throw std::bad_alloc();
+    object::merge(*part, object, fields);
+    return redis::pack(*part);
+}
+
 const std::string &name_of(const Selector &selector)
 {
     return kinds()[selector.kind].name;
@@ -372,17 +382,37 @@ int kt_mom_hset(kt_global *global, uint32_t db, const ProtobufCMessage *object,
         const std::vector<uint32_t> told(fields, fields == nullptr ? fields : fields + count);
         if (!are_fields(*object, told))
             return -EINVAL;
-        const object::Message bare = object::copy_key(*object);
-        const object::Message news(
-            protobuf_c_message_unpack(object->descriptor, nullptr, 0, nullptr));
-        if (news == nullptr)
-            return -ENOMEM;
-        object::merge(*news, *object, told);
         const std::string numbers = redis::fields_text(told);
         return request_script(c, redis::Script::HSET, name_of(at),
                               {at.key, numbers, numbers, kinds()[at.kind].fields,
-                               redis::pack(*bare), redis::pack(*news)});
+                               redis::pack(*object::copy_key(*object)), packed(*object, told)});
     });
+}
+
+int kt_mom_hset_if_sync(kt_global *global, uint32_t db, const ProtobufCMessage *before,
+                        const ProtobufCMessage *object, const uint32_t *fields, uint32_t count)
+{
+    return serve_object(
+        global, db, object,
+        [&](Connection &c, const Selector &at) {
+            const std::vector<uint32_t> told(fields, fields == nullptr ? fields : fields + count);
+            if (before == nullptr || before->descriptor != object->descriptor ||
+                !are_fields(*object, told))
+                return -EINVAL;
+            const std::string numbers = redis::fields_text(told);
+            redis::Reply reply;
+            const int error = ask_script(c, redis::Script::HSET, name_of(at),
+                                         {at.key, numbers, numbers, kinds()[at.kind].fields,
+                                          redis::pack(*object::copy_key(*object)),
+                                          packed(*object, told), packed(*before, told)},
+                                         &reply);
+            if (error != 0)
+                return error;
+            if (redis::is_error(*reply))
+                return -EIO;
+            return reply->integer == 0 ? -ESTALE : 0;
+        },
+        Needs::sync_connection);
 }
 
 int kt_mom_publish(kt_global *global, uint32_t db, const ProtobufCMessage *object)

@@ -164,7 +164,7 @@ return 1
  * out of what is stored and appended anew.
  */
 constexpr const char *HSET = R"lua(
-local key, fields, told, all, bare, news = unpack(ARGV, 4, 9)
+local key, fields, told, all, bare, news, expected = unpack(ARGV, 4, 10)
 
 local function set_of(numbers)
     local set = {}
@@ -182,9 +182,9 @@ local function varint(text, at)
     end
 end
 
--- The message without some of its fields; nil if it is none.
-local function without(message, set)
-    local kept, at = {}, 1
+-- The message without some of its fields, and those by their numbers; nil if it is none.
+local function split(message, set)
+    local kept, taken, at = {}, {}, 1
     while at <= #message do
         local from, tag, size = at, nil, nil
         tag, at = varint(message, at)
@@ -198,9 +198,11 @@ local function without(message, set)
             if size then at = at + size end
         else return nil end
         if at > #message + 1 or ((wire == 0 or wire == 2) and not size) then return nil end
-        if not set[math.floor(tag / 8)] then kept[#kept + 1] = message:sub(from, at - 1) end
+        local number, piece = math.floor(tag / 8), message:sub(from, at - 1)
+        if set[number] then taken[number] = (taken[number] or '') .. piece
+        else kept[#kept + 1] = piece end
     end
-    return table.concat(kept)
+    return table.concat(kept), taken
 end
 
 local function union(...)
@@ -217,8 +219,15 @@ local function union(...)
 end
 
 local old = parse(get(kind, key))
-local kept = old and without(old.message, set_of(fields))
+local set, kept, taken = set_of(fields), nil, nil
+if old then kept, taken = split(old.message, set) end
 if not kept then old = nil end
+if expected then
+    local _, wanted = split(expected, set)
+    for number in pairs(set) do
+        if (taken or {})[number] ~= wanted[number] then return 0 end
+    end
+end
 local before = old and (old.fieldwise and old.fields or all) or ''
 local object = {fieldwise = true, writers = written(old), owner = old and old.owner or '',
                 fields = union(before, fields), message = (kept or bare) .. news}

@@ -44,7 +44,9 @@ namespace redis
  *         or 0, message
  * DEL     object key
  * HSET    object key, field numbers as stored, the same as told, numbers of all
- *         fields of the kind, message with the key only, message with the fields
+ *         fields of the kind, message with the key only, message with the fields,
+ *         and perhaps a message with those fields as they must be before. Answers
+ *         0 when they are not, and nothing is done.
  * BEGIN   owner's (0, 1), selection, expiry in ms or 0
  * END     owner's (0, 1), selection
  * DEL_OW  selection

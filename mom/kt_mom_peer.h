@@ -25,6 +25,14 @@ extern "C" {
 int kt_mom_hset(kt_global *global, uint32_t db, const ProtobufCMessage *object,
                 const uint32_t *fields, uint32_t count);
 
+/*
+ * The same for two who write at once: only while these fields are still as in `before`,
+ * a message of the same kind; where the object does not exist they count as absent. Has
+ * taken effect when it returns. Returns -ESTALE, and writes nothing, when they are not.
+ */
+int kt_mom_hset_if_sync(kt_global *global, uint32_t db, const ProtobufCMessage *before,
+                        const ProtobufCMessage *object, const uint32_t *fields, uint32_t count);
+
 /* Sends the object to its subscribers as KT_MOM_PUBLISH; nothing is stored. */
 int kt_mom_publish(kt_global *global, uint32_t db, const ProtobufCMessage *object);
 

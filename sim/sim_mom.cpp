@@ -98,6 +98,16 @@ bool are_fields(const ProtobufCMessage &object, std::span<const uint32_t> fields
     });
 }
 
+bool have_equal_fields(const ProtobufCMessage &left, const ProtobufCMessage &right,
+                       std::span<const uint32_t> fields)
+{
+    const object::Message parts[] = {object::empty(*object::kind_of(left)),
+                                     object::empty(*object::kind_of(left))};
+    object::merge(*parts[0], left, fields);
+    object::merge(*parts[1], right, fields);
+    return object::equal(*parts[0], *parts[1]);
+}
+
 MomSection section_of(const MomConnection &connection, const MomSelector &selector, bool is_owner)
 {
     return {connection.life, is_owner,       connection.database,
@@ -346,6 +356,28 @@ int kt_mom_hset(kt_global *global, uint32_t db, const ProtobufCMessage *object,
                             return mom_store_hset(database_of(connection), at, *object,
                                                   arguments.fields, connection.life);
                         });
+}
+
+int kt_mom_hset_if_sync(kt_global *global, uint32_t db, const ProtobufCMessage *before,
+                        const ProtobufCMessage *object, const uint32_t *fields, uint32_t count)
+{
+    const Arguments arguments = {
+        .db = db, .object = object, .fields = {fields, fields == nullptr ? 0 : count}};
+    return serve_object(
+        "kt_mom_hset_if_sync", global, arguments,
+        [&](const MomConnection &connection, const MomAddress &at) {
+            if (before == nullptr || before->descriptor != object->descriptor ||
+                !are_fields(*object, arguments.fields))
+                return -EINVAL;
+            const object::Message nothing = object::empty(*object::kind_of(*object));
+            const MomRecord *record = mom_store_find(database_of(connection), at);
+            const ProtobufCMessage &stored = record == nullptr ? *nothing : *record->object;
+            if (!have_equal_fields(stored, *before, arguments.fields))
+                return -ESTALE;
+            return mom_store_hset(database_of(connection), at, *object, arguments.fields,
+                                  connection.life);
+        },
+        Needs::sync_connection);
 }
 
 int kt_mom_publish(kt_global *global, uint32_t db, const ProtobufCMessage *object)

@@ -65,6 +65,7 @@ protected:
             arguments.push_back(word.c_str());
         const int status =
             ctl::ctl_main(static_cast<int>(arguments.size()), arguments.data(), host);
+        sim::settle(); /* the daemon hears of it */
         const std::string error = err.str();
         EXPECT_TRUE(error.empty() || error.starts_with("vvlanctl: ")) << error;
         return status;

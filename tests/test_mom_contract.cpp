@@ -267,8 +267,22 @@ TEST_F(Contract, FieldwiseObjectIsMergedAndToldWithItsFields)
         EXPECT_THAT(settled(seen), ElementsAre("resync", "start", "hset 7,8: age_time=5 qos.cos=3",
                                                "hset 6,7: secu_mode=1 qos.cos=3"));
     EXPECT_THAT(stored(GLOBAL), ElementsAre("hset 6,7,8: secu_mode=1 qos.cos=3"));
+    const auto swap = [this](const std::string &before, const std::string &text) {
+        const Made old = make(GLOBAL, before);
+        const Made news = make(GLOBAL, text);
+        return kt_mom_hset_if_sync(peer, 4, old, news, news.fields.data(),
+                                   static_cast<uint32_t>(news.fields.size()));
+    };
+    EXPECT_EQ(swap("secu_mode=1", "qos.cos=4 secu_mode=1"), -ESTALE) << "there is a qos";
+    EXPECT_EQ(swap("secu_mode=1 qos.cos=3 age_time=3", "qos.cos=4 age_time=2"), -ESTALE);
+    EXPECT_EQ(swap("qos.cos=3 age_time=9", "qos.cos=4 secu_mode=0"), -ESTALE);
+    EXPECT_THAT(stored(GLOBAL), ElementsAre("hset 6,7,8: secu_mode=1 qos.cos=3"));
+    EXPECT_EQ(swap("secu_mode=1 qos.cos=3 age_time=9", "qos.cos=4 secu_mode=0"), 0);
+    EXPECT_EQ(swap("", "age_time=7"), 0);
+    EXPECT_THAT(stored(GLOBAL), ElementsAre("hset 6,7,8: age_time=7 qos.cos=4"));
     const Made made = make(GLOBAL, "age_time=1");
     const uint32_t unknown = 77;
+    EXPECT_EQ(kt_mom_hset_if_sync(peer, 4, nullptr, made, made.fields.data(), 1), -EINVAL);
     EXPECT_EQ(kt_mom_hset(peer, 4, made, &unknown, 1), -EINVAL);
     set("age_time=9", GLOBAL);
     EXPECT_THAT(stored(GLOBAL), ElementsAre("set age_time=9")) << "a plain object from now";

@@ -3,9 +3,10 @@
 
 packages_run="g++ cmake ninja-build pkg-config protobuf-c-compiler libprotobuf-c-dev
               protobuf-compiler libprotobuf-dev libprotoc-dev libpcap-dev libevent-dev
-              libhiredis-dev libsystemd-dev libcli11-dev nlohmann-json3-dev libedit-dev"
+              libhiredis-dev libssl-dev libsystemd-dev libcli11-dev nlohmann-json3-dev
+              libedit-dev"
 packages_live="$packages_run redis-server"
-packages_test="$packages_live libgtest-dev libgmock-dev git python3"
+packages_test="$packages_live libgtest-dev libgmock-dev git openssl python3"
 packages_coverage="$packages_test gcovr"
 packages_bench="$packages_run libbenchmark-dev gnuplot-nox python3"
 packages_check="$packages_test clang clang-format clang-tidy"

@@ -13,12 +13,14 @@
 namespace
 {
 
+constexpr char MOM_STANDARD[] = "unix:/run/vvlan/mom.sock";
+constexpr char SHELL_STANDARD[] = "/run/vvlan/shell.sock";
 constexpr char PORTS_FILE[] = "/etc/vvlan/ports";
 constexpr size_t SENTINELS_MAX = 8;
 constexpr size_t SOCKET_PATH_MAX = sizeof(sockaddr_un{}.sun_path) - 1;
 
 constexpr linux_env_variable TABLE[] = {
-    {"VVLAN_MOM", "unix:/run/vvlan/mom.sock",
+    {"VVLAN_MOM", MOM_STANDARD,
      "Where the object database listens: unix:PATH, tcp:HOST:PORT, tls:HOST:PORT, or "
      "sentinel:HOST:PORT[,HOST:PORT...]/NAME for the server that Sentinel calls NAME. An IPv6 "
      "address stands in brackets."},
@@ -27,8 +29,13 @@ constexpr linux_env_variable TABLE[] = {
      "A file whose first line is that user's password; it is read at every connect."},
     {"VVLAN_MOM_CA", "",
      "A file of certificates that the server's must be signed by (tls: and sentinel: only); by "
-     "default the host's own."},
-    {"VVLAN_SHELL", "/run/vvlan/shell.sock", "The Unix socket of the debug shell."},
+     "default the host's own. With sentinel: TLS is spoken if this is set, to the Sentinels and "
+     "to the server."},
+    {"VVLAN_MOM_CERT", "",
+     "A file with the certificate to show to a server that asks for one, and its chain (tls: and "
+     "sentinel: only)."},
+    {"VVLAN_MOM_KEY", "", "A file with that certificate's key."},
+    {"VVLAN_SHELL", SHELL_STANDARD, "The Unix socket of the debug shell."},
     {"VVLAN_PORTS", "/etc/vvlan/ports if it exists, else host",
      "The ports: host for the host's own interfaces, or a file of lines \"ifx phyid name\", "
      "which is read again at SIGHUP."},
@@ -41,11 +48,14 @@ std::string take_mom(std::string_view value, linux_env_settings *settings);
 std::string take_user(std::string_view value, linux_env_settings *settings);
 std::string take_password_file(std::string_view value, linux_env_settings *settings);
 std::string take_ca(std::string_view value, linux_env_settings *settings);
+std::string take_certificate(std::string_view value, linux_env_settings *settings);
+std::string take_key(std::string_view value, linux_env_settings *settings);
 std::string take_shell(std::string_view value, linux_env_settings *settings);
 std::string take_ports(std::string_view value, linux_env_settings *settings);
 
 /* In the order of TABLE. */
-constexpr Take TAKES[] = {take_mom, take_user, take_password_file, take_ca, take_shell, take_ports};
+constexpr Take TAKES[] = {take_mom,         take_user, take_password_file, take_ca,
+                          take_certificate, take_key,  take_shell,         take_ports};
 static_assert(std::size(TAKES) == std::size(TABLE));
 
 struct Environment {
@@ -165,7 +175,7 @@ std::string take_sentinel(std::string_view rest, linux_env_mom *mom)
 std::string take_mom(std::string_view value, linux_env_settings *settings)
 {
     if (value.empty())
-        value = TABLE[0].standard;
+        value = MOM_STANDARD;
     linux_env_mom &mom = settings->mom;
     const size_t colon = std::min(value.find(':'), value.size());
     const std::string_view way = value.substr(0, colon);
@@ -197,20 +207,42 @@ std::string take_password_file(std::string_view value, linux_env_settings *setti
     return value.empty() ? "" : check_path(value);
 }
 
-std::string take_ca(std::string_view value, linux_env_settings *settings)
+/* A file that only TLS needs. */
+std::string check_tls_file(std::string_view value, const linux_env_settings &settings)
 {
-    settings->mom_ca = value;
     if (value.empty())
         return "";
-    const linux_env_way way = settings->mom.way;
+    const linux_env_way way = settings.mom.way;
     if (way != linux_env_way::tls && way != linux_env_way::sentinel)
         return "VVLAN_MOM names no server with TLS (tls: or sentinel:)";
     return check_path(value);
 }
 
+std::string take_ca(std::string_view value, linux_env_settings *settings)
+{
+    settings->mom_ca = value;
+    return check_tls_file(value, *settings);
+}
+
+std::string take_certificate(std::string_view value, linux_env_settings *settings)
+{
+    settings->mom_certificate = value;
+    if (!value.empty() && settings->mom.way == linux_env_way::sentinel && settings->mom_ca.empty())
+        return "with sentinel: TLS is spoken only if VVLAN_MOM_CA is set";
+    return check_tls_file(value, *settings);
+}
+
+std::string take_key(std::string_view value, linux_env_settings *settings)
+{
+    settings->mom_key = value;
+    if (value.empty() != settings->mom_certificate.empty())
+        return "VVLAN_MOM_CERT and VVLAN_MOM_KEY are wanted both, or neither";
+    return check_tls_file(value, *settings);
+}
+
 std::string take_shell(std::string_view value, linux_env_settings *settings)
 {
-    settings->shell = value.empty() ? TABLE[4].standard : value;
+    settings->shell = value.empty() ? SHELL_STANDARD : value;
     return check_socket(settings->shell);
 }
 

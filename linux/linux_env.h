@@ -49,6 +49,8 @@ struct linux_env_settings {
     std::string mom_user;          /* "": the default user */
     std::string mom_password_file; /* "": no password */
     std::string mom_ca;            /* "": the host's certificates */
+    std::string mom_certificate;   /* shown to the server; "": none */
+    std::string mom_key;           /* of that certificate */
     std::string shell;             /* path of the debug shell's socket */
     std::string ports;             /* "host", or the path of a file */
 };

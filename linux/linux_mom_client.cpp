@@ -3,13 +3,13 @@
 #include "linux/linux_env.h"
 #include "linux/linux_log.h"
 #include "linux/linux_loop.h"
+#include "linux/redis_find.h"
 #include "linux/redis_value.h"
 
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <event2/event.h>
-#include <fstream>
 #include <random>
 #include <sys/random.h>
 
@@ -22,10 +22,12 @@ namespace
 constexpr size_t REQUESTS_MAX = 262'144;
 constexpr int64_t MILLISECOND = 1'000; /* in microseconds, as all times here */
 constexpr int64_t SECOND = 1'000'000;
-constexpr int64_t PATIENCE = 3 * SECOND;    /* with a server that does not answer */
+constexpr int64_t PATIENCE = 3 * SECOND; /* with a server that does not answer */
+constexpr int64_t SENTINEL_PATIENCE = SECOND / 2;
 constexpr int64_t PROBE_EVERY = 5 * SECOND; /* a third of the lease */
 constexpr int64_t BACKOFF_MIN = 10 * MILLISECOND;
 constexpr int64_t BACKOFF_MAX = SECOND;
+constexpr unsigned TRIES_MAX = 8;
 constexpr int64_t FAREWELL = SECOND / 2;
 
 struct Client {
@@ -45,7 +47,8 @@ void end_client(const kt_global *global);
 void end_connection(Connection &c);
 std::string random_id();
 int64_t jittered(int64_t micros);
-bool find_server(Connection &c);
+void expect_within(Connection &c, int64_t micros, const char *otherwise);
+void connect_once(Connection &c);
 void greet(Connection &c);
 void greet_subscriber(Connection &c);
 void ask_sentinel(Connection &c);
@@ -74,7 +77,7 @@ Connection::Connection(kt_global *of, uint32_t number, std::string life_of)
               [this](const std::string &why) { lose(*this, why); }),
       subscriber([this](redis::Reply reply) { heard(*this, std::move(reply)); },
                  [this](const std::string &why) { lose(*this, why); }),
-      backoff(BACKOFF_MIN), channels(kinds().size())
+      attempts(redis::find_first()), backoff(BACKOFF_MIN), channels(kinds().size())
 {
     const auto run = [](evutil_socket_t, short, void *self) {
         auto &c = *static_cast<Connection *>(self);
@@ -139,30 +142,22 @@ void connect_now(Connection &c)
     }
     if (c.command.is_open())
         return;
-    linux_loop_cancel(c.retry_timer);
-    c.retry_timer = linux_loop_after(PATIENCE, [&c] { lose(c, "no answer to the greeting"); });
-    if (!find_server(c))
-        return;
-    c.command.open(c.server);
-    if (linux_env()->mom.way == linux_env_way::sentinel)
+    const redis::Place place = redis::find_place(*linux_env(), c.attempts++);
+    c.command.open(place.address);
+    if (place.is_sentinel)
         ask_sentinel(c);
     else
         greet(c);
 }
 
+/* Every place is tried once: there may be no second call. */
 int connect_wait(Connection &c)
 {
-    connect_now(c);
-    const int64_t deadline = linux_loop_now() + PATIENCE;
-    const uint64_t epoch = c.epoch;
-    while (!c.is_greeted && c.epoch == epoch) {
-        const int64_t left = deadline - linux_loop_now();
-        redis::Link *const link = &c.command;
-        if (left <= 0)
-            lose(c, "no answer to the greeting");
-        else if (redis::links_wait({&link, 1}, left) == -ENOTCONN)
-            break;
-    }
+    connect_once(c);
+    const unsigned places = redis::find_places(*linux_env());
+    const unsigned tries = std::max(places, std::min(places * c.command.alternatives(), TRIES_MAX));
+    for (unsigned i = 1; i < tries && !c.is_greeted; i++)
+        connect_once(c);
     return sync_works(c) ? 0 : -ENOTCONN;
 }
 
@@ -368,32 +363,26 @@ int64_t jittered(int64_t micros)
 
 /* --- Greeting: everything up to the first request of the program */
 
-/* The first line of a file, "" if it cannot be read. */
-std::string first_line(const std::string &path)
+void expect_within(Connection &c, int64_t micros, const char *otherwise)
 {
-    std::ifstream file(path);
-    std::string line;
-    std::getline(file, line);
-    return line;
+    linux_loop_cancel(c.retry_timer);
+    c.patience_ends = linux_loop_now() + micros;
+    c.retry_timer = linux_loop_after(micros, [&c, otherwise] { lose(c, otherwise); });
 }
 
-/* Where to go first: to the server, or to a Sentinel that knows it. */
-bool find_server(Connection &c)
+/* Turns the request link until it is greeted or lost. */
+void connect_once(Connection &c)
 {
-    const linux_env_settings *settings = linux_env();
-    const unsigned attempt = c.attempts++;
-    if (settings == nullptr || settings->mom.way == linux_env_way::tls) {
-        lose(c, "TLS is not built in; let a TLS proxy listen on a Unix socket");
-        return false;
+    connect_now(c);
+    const uint64_t epoch = c.epoch;
+    while (!c.is_greeted && c.epoch == epoch) {
+        const int64_t left = c.patience_ends - linux_loop_now();
+        redis::Link *const link = &c.command;
+        if (left <= 0)
+            lose(c, "no answer to the greeting");
+        else if (redis::links_wait({&link, 1}, left) == -ENOTCONN)
+            return;
     }
-    const linux_env_mom &mom = settings->mom;
-    if (mom.way == linux_env_way::unix_socket) {
-        c.server = {mom.path, "", 0, 0};
-        return true;
-    }
-    const linux_env_address &chosen = mom.addresses[attempt % mom.addresses.size()];
-    c.server = {"", chosen.host, chosen.port, attempt};
-    return true;
 }
 
 /* A request of the greeting; its refusal ends the attempt. */
@@ -409,35 +398,27 @@ void greet_with(Connection &c, std::initializer_list<std::string_view> arguments
     request(c, {arguments.begin(), arguments.size()}, handler, true);
 }
 
+/* A replica tells of changes too, but takes none. */
+void check_role(Connection &c, const redisReply &reply)
+{
+    if (!redis::find_is_master(reply))
+        lose(c, "the server is a replica");
+}
+
 std::string link_name(const Connection &c, const char *role)
 {
     return "vvlan:" + std::to_string(getpid()) + ":" + c.prefix + role;
 }
 
-/* AUTH's arguments; none where there is no password. */
-std::vector<std::string> credentials()
-{
-    const linux_env_settings &settings = *linux_env();
-    if (settings.mom_password_file.empty())
-        return {};
-    std::vector<std::string> arguments = {"AUTH"};
-    if (!settings.mom_user.empty())
-        arguments.push_back(settings.mom_user);
-    arguments.push_back(first_line(settings.mom_password_file));
-    return arguments;
-}
-
 void greet(Connection &c)
 {
-    const std::vector<std::string> login = credentials();
+    expect_within(c, PATIENCE, "no answer to the greeting");
+    const std::vector<std::string> login = redis::find_login(*linux_env());
     if (login.size() == 2)
         greet_with(c, {login[0], login[1]});
     else if (login.size() == 3)
         greet_with(c, {login[0], login[1], login[2]});
-    greet_with(c, {"ROLE"}, [&c](const redisReply &reply) {
-        if (reply.elements == 0 || redis::text_of(*reply.element[0]) != "master")
-            lose(c, "the server is a replica");
-    });
+    greet_with(c, {"ROLE"}, [&c](const redisReply &reply) { check_role(c, reply); });
     greet_with(c, {"SELECT", std::to_string(c.db)});
     greet_with(c, {"CLIENT", "SETNAME", link_name(c, "command")});
     for (size_t i = 0; i < redis::SCRIPTS; i++) {
@@ -456,22 +437,26 @@ void greet(Connection &c)
 /* Sentinel says where the server is now; the greeting then goes there. */
 void ask_sentinel(Connection &c)
 {
-    const std::string &name = linux_env()->mom.name;
-    greet_with(c, {"SENTINEL", "get-master-addr-by-name", name}, [&c](const redisReply &reply) {
-        if (reply.type != REDIS_REPLY_ARRAY || reply.elements != 2) {
-            lose(c, "Sentinel does not know " + linux_env()->mom.name);
+    expect_within(c, SENTINEL_PATIENCE, "no answer from Sentinel");
+    const std::vector<std::string> words = redis::find_question(*linux_env());
+    const std::vector<std::string_view> question(words.begin(), words.end());
+    const auto take = [&c](const redis::Reply &reply) {
+        redis::Address server;
+        const std::string why = redis::find_read_answer(*reply, *linux_env(), &server);
+        if (!why.empty()) {
+            lose(c, why);
             return;
         }
-        const auto port = static_cast<uint16_t>(std::atoi(reply.element[1]->str));
-        c.server = {"", reply.element[0]->str, port, 0};
-        c.command.open(c.server);
+        c.command.open(server);
         greet(c);
-    });
+    };
+    request(c, question, take, true);
 }
 
 void greeted(Connection &c)
 {
     c.is_greeted = true;
+    redis::find_succeeded(--c.attempts); /* and where it begins the next time */
     c.probe_at = NEVER / 2;
     probe_within(c, 0);
     if (c.is_open) {
@@ -486,8 +471,8 @@ void greeted(Connection &c)
 /* The subscriber link answers errors, one bulk string per fence, and what is published. */
 void greet_subscriber(Connection &c)
 {
-    c.subscriber.open(c.server);
-    const std::vector<std::string> login = credentials();
+    c.subscriber.open(c.command.address());
+    const std::vector<std::string> login = redis::find_login(*linux_env());
     if (!login.empty())
         c.subscriber.send(std::vector<std::string_view>(login.begin(), login.end()));
     const std::string name = link_name(c, "subscriber");
@@ -549,6 +534,11 @@ void answered(Connection &c, redis::Reply reply)
     c.command_heard = linux_loop_now();
     if (c.requests.empty()) {
         lose(c, std::string(redis::text_of(*reply))); /* "max number of clients reached" */
+        return;
+    }
+    if (redis::is_error(*reply) && redis::find_is_demoted(*reply)) {
+        c.was_refused = true;
+        lose(c, std::string(redis::text_of(*reply)));
         return;
     }
     const Handler handler = std::move(c.requests.front());
@@ -629,6 +619,7 @@ void tick(Connection &c)
             script_arguments(c, redis::Script::REAP, "", {c.has_owned ? redis::LEASE : "0"});
         request(
             c, arguments, [&c](const redis::Reply &reply) { probed(c, *reply); }, true);
+        greet_with(c, {"ROLE"}, [&c](const redisReply &reply) { check_role(c, reply); });
         if (c.is_ready)
             fence(c, [] {});
     }

@@ -163,10 +163,10 @@ struct Connection : std::enable_shared_from_this<Connection> {
     bool is_greeted = false; /* requests may be made */
     bool is_ready = false;   /* and changes are heard */
     bool was_refused = false;
-    redis::Address server;
     unsigned attempts = 0;
-    int64_t backoff = 0;      /* microseconds */
-    uint64_t retry_timer = 0; /* also: gives up a greeting */
+    int64_t backoff = 0;       /* microseconds */
+    uint64_t retry_timer = 0;  /* also: gives up a greeting */
+    int64_t patience_ends = 0; /* when it does */
     uint64_t tick_timer = 0;
     int64_t probe_at = 0;
     bool has_owned = false; /* has written owner objects */

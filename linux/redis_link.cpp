@@ -26,8 +26,10 @@ namespace
 constexpr size_t READ_CHUNK = 16'384;
 constexpr int READS_A_TURN = 64;
 
+constexpr size_t ENCRYPTED_AT_ONCE = 262'144;
+
 int connect_unix(const std::string &path);
-int connect_tcp(const Address &address);
+int connect_tcp(Address &address, unsigned *alternatives, std::string *why);
 void append_number(std::string &out, char mark, size_t number);
 
 } // namespace
@@ -69,10 +71,11 @@ void Link::open(const Address &address)
         static_cast<Link *>(self)->on_ready((what & EV_READ) != 0, (what & EV_WRITE) != 0);
     };
     m_reader = redisReaderCreate();
-    m_fd = connect_to(address);
+    m_address = address;
+    const bool is_begun = connect();
     m_read = event_new(linux_loop_base(), m_fd, EV_READ | EV_PERSIST, on_event, this);
     m_write = event_new(linux_loop_base(), m_fd, EV_WRITE | EV_PERSIST, on_event, this);
-    if (m_fd < 0) {
+    if (!is_begun) {
         event_active(m_read, EV_READ, 0);
         return;
     }
@@ -96,8 +99,8 @@ void Link::close()
         ::close(m_fd);
     m_fd = -1;
     m_refused.clear();
-    m_out.clear();
-    m_sent = 0;
+    m_tls.reset();
+    m_out = m_records = {};
     m_is_connecting = m_wants_write = false;
 }
 
@@ -106,21 +109,31 @@ bool Link::is_open() const
     return m_reader != nullptr;
 }
 
+const Address &Link::address() const
+{
+    return m_address;
+}
+
+unsigned Link::alternatives() const
+{
+    return m_alternatives;
+}
+
 void Link::send(Arguments arguments)
 {
-    format(m_out, arguments);
-    want_write(true);
+    format(m_out.bytes, arguments);
+    want_write(has_to_send());
 }
 
 void Link::send_raw(std::string_view request)
 {
-    m_out.append(request);
-    want_write(true);
+    m_out.bytes.append(request);
+    want_write(has_to_send());
 }
 
 size_t Link::unsent() const
 {
-    return m_out.size() - m_sent;
+    return m_out.left().size() + m_records.left().size();
 }
 
 void Link::turn()
@@ -139,7 +152,7 @@ int links_wait(std::span<Link *const> links, int64_t micros)
             link->on_ready(false, false);
             return 0;
         }
-        const bool writes = link->m_is_connecting || link->unsent() > 0;
+        const bool writes = link->m_is_connecting || link->has_to_send();
         fds.push_back({link->m_fd, static_cast<short>(writes ? POLLIN | POLLOUT : POLLIN), 0});
         open.push_back(link);
     }
@@ -157,14 +170,45 @@ int links_wait(std::span<Link *const> links, int64_t micros)
     return ready == 0 ? -ETIMEDOUT : 0;
 }
 
-/* The socket, or -1 and m_refused. */
-int Link::connect_to(const Address &address)
+std::string_view Link::Outgoing::left() const
 {
-    const int fd = address.path.empty() ? connect_tcp(address) : connect_unix(address.path);
-    if (fd >= 0)
-        return fd;
-    m_refused = std::strerror(-fd);
-    return -1;
+    return std::string_view(bytes).substr(sent);
+}
+
+void Link::Outgoing::took(size_t size)
+{
+    sent += size;
+    if (sent < bytes.size() - sent) /* so that each byte is moved about once */
+        return;
+    bytes.erase(0, sent);
+    sent = 0;
+}
+
+/* Makes the socket, or leaves it at -1 and says why in m_refused. */
+bool Link::connect()
+{
+    m_alternatives = 1;
+    if (m_address.tls) {
+        m_tls = Tls::begin(*m_address.tls, m_address.host, &m_refused);
+        if (m_tls == nullptr)
+            return false;
+        m_records.bytes = m_tls->take_records();
+    }
+    m_fd = m_address.path.empty() ? connect_tcp(m_address, &m_alternatives, &m_refused)
+                                  : connect_unix(m_address.path);
+    if (m_fd >= 0)
+        return true;
+    if (m_refused.empty())
+        m_refused = std::strerror(-m_fd);
+    m_fd = -1;
+    return false;
+}
+
+/* What could go to the socket now: before TLS is agreed on, no request can. */
+bool Link::has_to_send() const
+{
+    const bool is_clear = m_tls == nullptr || m_tls->is_established();
+    return !m_records.left().empty() || (is_clear && !m_out.left().empty());
 }
 
 void Link::on_ready(bool is_readable, bool is_writable)
@@ -200,7 +244,6 @@ bool Link::finish_connect()
 
 void Link::read_some()
 {
-    const uint64_t opening = m_opening;
     std::array<char, READ_CHUNK> chunk;
     for (int i = 0; i < READS_A_TURN; i++) {
         const ssize_t got = recv(m_fd, chunk.data(), chunk.size(), 0);
@@ -208,16 +251,50 @@ void Link::read_some()
             continue;
         if (got < 0 && (errno == EAGAIN || errno == ENOTCONN))
             return;
-        if (got <= 0) {
-            fail(got == 0 ? "the server closed the connection" : std::strerror(errno));
+        if (got < 0) {
+            fail(std::strerror(errno));
             return;
         }
-        redisReaderFeed(m_reader, chunk.data(), static_cast<size_t>(got));
-        if (!take_replies() || opening != m_opening)
+        if (got == 0) {
+            fail(m_tls == nullptr ? "the server closed the connection" : m_tls->why_hung_up());
+            return;
+        }
+        if (!take_bytes({chunk.data(), static_cast<size_t>(got)}))
             return;
         if (static_cast<size_t>(got) < chunk.size())
             return;
     }
+}
+
+/* False when the link has ended. */
+bool Link::take_bytes(std::string_view bytes)
+{
+    if (m_tls == nullptr) {
+        redisReaderFeed(m_reader, bytes.data(), bytes.size());
+        return take_replies();
+    }
+    m_tls->receive(bytes);
+    return decrypt();
+}
+
+/* Takes all there is: nobody else would see that something is left. */
+bool Link::decrypt()
+{
+    std::array<char, READ_CHUNK> text;
+    ssize_t got = 0;
+    while ((got = m_tls->read(text)) > 0) {
+        redisReaderFeed(m_reader, text.data(), static_cast<size_t>(got));
+        if (!take_replies())
+            return false;
+    }
+    m_records.bytes += m_tls->take_records();
+    if (got < 0) {
+        send_some(m_records); /* what the server should know of it */
+        fail(std::string(m_tls->why()));
+        return false;
+    }
+    want_write(has_to_send());
+    return true;
 }
 
 /* Hands on every reply that is complete; false when the link has ended. */
@@ -240,23 +317,40 @@ bool Link::take_replies()
 
 void Link::write_some()
 {
-    while (unsent() > 0) {
-        const ssize_t sent = ::send(m_fd, m_out.data() + m_sent, unsent(), MSG_NOSIGNAL);
-        if (sent < 0 && errno == EINTR)
-            continue;
-        if (sent < 0) {
-            if (errno != EAGAIN)
-                fail(std::strerror(errno));
-            break;
-        }
-        m_sent += static_cast<size_t>(sent);
+    int error = 0;
+    do {
+        if (m_tls != nullptr)
+            encrypt();
+        error = send_some(m_tls != nullptr ? m_records : m_out);
+    } while (error == 0 && has_to_send());
+    if (error != 0 && error != EAGAIN)
+        fail(std::strerror(error));
+    else
+        want_write(has_to_send());
+}
+
+/* Requests become records only when the socket has taken those before. */
+void Link::encrypt()
+{
+    if (!m_records.left().empty())
+        return;
+    m_out.took(m_tls->write(m_out.left().substr(0, ENCRYPTED_AT_ONCE)));
+    m_records.bytes += m_tls->take_records();
+}
+
+/* Returns 0 when all is gone, else an errno value. */
+int Link::send_some(Outgoing &bytes)
+{
+    int error = 0;
+    while (error == 0 && !bytes.left().empty()) {
+        const std::string_view left = bytes.left();
+        const ssize_t sent = ::send(m_fd, left.data(), left.size(), MSG_NOSIGNAL);
+        if (sent >= 0)
+            bytes.took(static_cast<size_t>(sent));
+        else if (errno != EINTR)
+            error = errno;
     }
-    if (m_sent >= unsent() || unsent() == 0) { /* so that each byte is moved about once */
-        m_out.erase(0, m_sent);
-        m_sent = 0;
-    }
-    if (is_open())
-        want_write(unsent() > 0);
+    return error;
 }
 
 void Link::want_write(bool wanted)
@@ -302,22 +396,35 @@ int connect_unix(const std::string &path)
     return connect_socket(AF_UNIX, reinterpret_cast<const sockaddr *>(&address), sizeof(address));
 }
 
-int connect_tcp(const Address &address)
+/* One of the addresses of the host, in their order; it is noted as the number. */
+int connect_found(const addrinfo *found, Address &address, unsigned *alternatives)
+{
+    *alternatives = 0;
+    for (const addrinfo *each = found; each != nullptr; each = each->ai_next)
+        ++*alternatives;
+    const addrinfo *chosen = found;
+    for (unsigned i = 0; i < address.attempt % *alternatives; i++)
+        chosen = chosen->ai_next;
+    std::array<char, NI_MAXHOST> number;
+    if (getnameinfo(chosen->ai_addr, chosen->ai_addrlen, number.data(), number.size(), nullptr, 0,
+                    NI_NUMERICHOST) == 0)
+        address.number = number.data();
+    return connect_socket(chosen->ai_family, chosen->ai_addr, chosen->ai_addrlen);
+}
+
+int connect_tcp(Address &address, unsigned *alternatives, std::string *why)
 {
     addrinfo wanted = {};
     wanted.ai_socktype = SOCK_STREAM;
     wanted.ai_flags = AI_NUMERICSERV;
     addrinfo *found = nullptr;
+    const std::string &host = address.number.empty() ? address.host : address.number;
     const std::string port = std::to_string(address.port);
-    if (getaddrinfo(address.host.c_str(), port.c_str(), &wanted, &found) != 0)
+    if (const int error = getaddrinfo(host.c_str(), port.c_str(), &wanted, &found); error != 0) {
+        *why = host + ": " + gai_strerror(error);
         return -EHOSTUNREACH;
-    unsigned count = 0;
-    for (const addrinfo *each = found; each != nullptr; each = each->ai_next)
-        count++;
-    const addrinfo *chosen = found;
-    for (unsigned i = 0; i < address.attempt % count; i++)
-        chosen = chosen->ai_next;
-    const int fd = connect_socket(chosen->ai_family, chosen->ai_addr, chosen->ai_addrlen);
+    }
+    const int fd = connect_found(found, address, alternatives);
     freeaddrinfo(found);
     const int on = 1;
     if (fd >= 0) {

@@ -15,17 +15,23 @@
  * again and nothing is kept over the end of a link; what that means for
  * requests without a reply is the owner's business.
  *
+ * With TLS (linux/redis_tls.h) what is sent and received passes through a
+ * session in memory; all else stays as it is.
+ *
  * At most 1 MiB is read a turn. How much may wait to be sent is for the owner to
  * limit, who can refuse a request: see unsent() and LINK_UNSENT_MAX.
  */
 #ifndef LINUX_REDIS_LINK_H
 #define LINUX_REDIS_LINK_H
 
+#include "linux/redis_tls.h"
+
 #include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <hiredis/hiredis.h>
 #include <memory>
+#include <optional>
 #include <span>
 #include <string>
 #include <string_view>
@@ -47,13 +53,17 @@ struct FreeReply {
 using Reply = std::unique_ptr<redisReply, FreeReply>;
 using Arguments = std::span<const std::string_view>;
 
-/* A Unix socket if there is a path, else TCP. */
+/*
+ * A Unix socket if there is a path, else TCP. A host that is a name is looked up
+ * whenever a link is opened to it, and the caller waits for that.
+ */
 struct Address {
-    std::string path;
-    std::string
-        host; /* name or number; a name is looked up in every attempt, which may take time */
+    std::string path = {};
+    std::string host = {}; /* name or number */
     uint16_t port = 0;
-    unsigned attempt = 0; /* which of the addresses of a name: they take turns */
+    unsigned attempt = 0;             /* which of the addresses of a name: they take turns */
+    std::optional<TlsFiles> tls = {}; /* the server speaks TLS */
+    std::string number = {};          /* the host's, once it was looked up */
 };
 
 std::string_view text_of(const redisReply &reply);
@@ -77,6 +87,10 @@ public:
     void open(const Address &address);
     void close();
     bool is_open() const;
+    /* Where it was opened to, the number filled: there another link meets the same server. */
+    const Address &address() const;
+    /* How many addresses the name had, at least 1. */
+    unsigned alternatives() const;
 
     void send(Arguments arguments);
     /* A request that was formatted before. */
@@ -89,12 +103,26 @@ public:
 private:
     friend int links_wait(std::span<Link *const> links, int64_t micros);
 
-    int connect_to(const Address &address);
+    /* Bytes on their way, the first of them gone already. */
+    struct Outgoing {
+        std::string bytes = {};
+        size_t sent = 0;
+
+        std::string_view left() const;
+        void took(size_t size);
+    };
+
+    bool connect();
+    bool has_to_send() const;
     void on_ready(bool is_readable, bool is_writable);
     bool finish_connect();
     void read_some();
+    bool take_bytes(std::string_view bytes);
+    bool decrypt();
     bool take_replies();
     void write_some();
+    void encrypt();
+    int send_some(Outgoing &bytes);
     void want_write(bool wanted);
     void fail(const std::string &why);
 
@@ -105,8 +133,11 @@ private:
     bool m_is_connecting = false;
     bool m_wants_write = false;
     std::string m_refused; /* why open() failed; told from the loop */
-    std::string m_out;
-    size_t m_sent = 0; /* of m_out */
+    Address m_address;
+    unsigned m_alternatives = 1;
+    Outgoing m_out;     /* requests */
+    Outgoing m_records; /* the same, encrypted; a little at a time */
+    std::unique_ptr<Tls> m_tls;
     redisReader *m_reader = nullptr;
     event *m_read = nullptr;
     event *m_write = nullptr;

@@ -231,7 +231,8 @@ TEST_F(LinuxPlatform, EnvironmentIsReadByItsTableOrRefusedWithASentence)
         {"VVLAN_MOM", "tcp:host:65536"},  {"VVLAN_MOM", "tcp:fe80::1:6379"},
         {"VVLAN_MOM", "tcp:a:1,b:2"},     {"VVLAN_MOM", "sentinel:a:1"},
         {"VVLAN_MOM", "sentinel:a:1,/m"}, {"VVLAN_MOM_PASSWORD_FILE", "secret"},
-        {"VVLAN_MOM_CA", "/ca"},          {"VVLAN_PORTS", "ports"}};
+        {"VVLAN_MOM_CA", "/ca"},          {"VVLAN_MOM_KEY", "/key"},
+        {"VVLAN_PORTS", "ports"}};
     for (const auto &[name, value] : refused)
         EXPECT_THAT(parse({{name, value}}), StartsWith(std::string(name) + "=" + value + ": "));
     EXPECT_THAT(parse({{"VVLAN_SHELL", "/" + std::string(107, 'x')}}), HasSubstr("at most 107"));

@@ -1,0 +1,120 @@
+#include "linux/redis_find.h"
+
+#include <algorithm>
+#include <charconv>
+#include <fstream>
+#include <optional>
+
+namespace redis
+{
+
+namespace
+{
+
+unsigned last_success = 0;
+
+std::optional<TlsFiles> tls_of(const linux_env_settings &settings);
+std::string first_line(const std::string &path);
+
+} // namespace
+
+Place find_place(const linux_env_settings &settings, unsigned attempt)
+{
+    const linux_env_mom &mom = settings.mom;
+    if (mom.way == linux_env_way::unix_socket)
+        return {{.path = mom.path}};
+    const unsigned places = find_places(settings);
+    const linux_env_address &chosen = mom.addresses[attempt % places];
+    return {{.host = chosen.host,
+             .port = chosen.port,
+             .attempt = attempt / places,
+             .tls = tls_of(settings)},
+            mom.way == linux_env_way::sentinel};
+}
+
+unsigned find_places(const linux_env_settings &settings)
+{
+    return std::max(1U, static_cast<unsigned>(settings.mom.addresses.size()));
+}
+
+unsigned find_first()
+{
+    return last_success;
+}
+
+void find_succeeded(unsigned attempt)
+{
+    last_success = attempt;
+}
+
+std::vector<std::string> find_question(const linux_env_settings &settings)
+{
+    return {"SENTINEL", "get-master-addr-by-name", settings.mom.name};
+}
+
+std::string find_read_answer(const redisReply &answer, const linux_env_settings &settings,
+                             Address *address)
+{
+    if (is_error(answer))
+        return "Sentinel: " + std::string(text_of(answer));
+    if (answer.type == REDIS_REPLY_NIL)
+        return "Sentinel knows no server " + settings.mom.name;
+    uint16_t port = 0;
+    if (answer.type == REDIS_REPLY_ARRAY && answer.elements == 2) {
+        const std::string_view digits = text_of(*answer.element[1]);
+        std::from_chars(digits.data(), digits.data() + digits.size(), port);
+    }
+    if (port == 0)
+        return "not a Sentinel: it does not answer with host and port";
+    *address = {
+        .host = std::string(text_of(*answer.element[0])), .port = port, .tls = tls_of(settings)};
+    return "";
+}
+
+std::vector<std::string> find_login(const linux_env_settings &settings)
+{
+    if (settings.mom_password_file.empty())
+        return {};
+    std::vector<std::string> words = {"AUTH"};
+    if (!settings.mom_user.empty())
+        words.push_back(settings.mom_user);
+    words.push_back(first_line(settings.mom_password_file));
+    return words;
+}
+
+bool find_is_master(const redisReply &role)
+{
+    return role.type == REDIS_REPLY_ARRAY && role.elements > 0 &&
+           text_of(*role.element[0]) == "master";
+}
+
+bool find_is_demoted(const redisReply &error)
+{
+    const std::string_view text = text_of(error);
+    return text.starts_with("READONLY ") || text.starts_with("NOREPLICAS ");
+}
+
+namespace
+{
+
+std::optional<TlsFiles> tls_of(const linux_env_settings &settings)
+{
+    const bool is_tls = settings.mom.way == linux_env_way::tls ||
+                        (settings.mom.way == linux_env_way::sentinel && !settings.mom_ca.empty());
+    if (!is_tls)
+        return std::nullopt;
+    return TlsFiles{settings.mom_ca, settings.mom_certificate, settings.mom_key};
+}
+
+/* "" if the file cannot be read. */
+std::string first_line(const std::string &path)
+{
+    std::ifstream file(path);
+    std::string line;
+    std::getline(file, line);
+    return line;
+}
+
+} // namespace
+
+} // namespace redis

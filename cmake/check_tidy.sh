@@ -7,7 +7,6 @@ cd "$(dirname "${BASH_SOURCE[0]}")/.."
 if [ $# -gt 0 ]; then
     printf '%s\0' "$@"
 else
-    git -c safe.directory="*" ls-files -z -- 'app/*.cpp' 'bin/*.cpp' 'fastpath/*.cpp' 'frame/*.cpp' 'object/*.cpp' \
-        'proto/*.cpp' 'sim/*.cpp' 'text/*.cpp'
+    git -c safe.directory="*" ls-files -z -- '*.cpp' ':!tests' ':!bench'
 fi | xargs -0 -n 1 -P "$(nproc)" clang-tidy -p build/clang --quiet --warnings-as-errors='*' \
     2> >(grep -v ' warnings\? generated' >&2)

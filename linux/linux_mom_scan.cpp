@@ -12,6 +12,7 @@ namespace
 constexpr const char *PAGE = "1000"; /* objects, about */
 
 void ask_page(Connection &c);
+void ask_behind_queue(Connection &c);
 void take_page(Connection &c, const redisReply &reply);
 bool read_page(Connection &c, const redisReply &reply, const Selector &selector,
                std::string *cursor, std::deque<ChangePtr> *page);
@@ -37,7 +38,7 @@ int scan(Connection &c, const Receiver &receiver, Selector selector)
     made.selector = std::move(selector);
     made.serial = ++c.scan_count;
     if (c.scans.size() == 1)
-        ask_page(c);
+        ask_behind_queue(c);
     return 0;
 }
 
@@ -101,6 +102,15 @@ void ask_page(Connection &c)
         [&c](const redis::Reply &reply) { take_page(c, *reply); }, true);
 }
 
+/* What the scan before has found to be gone is told before the first object of this one. */
+void ask_behind_queue(Connection &c)
+{
+    if (c.queue.empty())
+        ask_page(c);
+    else
+        enqueue_notice(c, [&c] { ask_page(c); });
+}
+
 void take_page(Connection &c, const redisReply &reply)
 {
     Scan &scan = c.scans.front();
@@ -148,7 +158,7 @@ void finish(Connection &c)
     c.scans.pop_front();
     tell_missed(c, scan);
     if (!c.scans.empty())
-        ask_page(c);
+        ask_behind_queue(c);
     Change over;
     over.scan_state = KT_MOM_SCAN_OVER;
     call(c, scan.receiver, over);

@@ -321,6 +321,27 @@ TEST_F(Contract, NothingIsLostOverALostConnection)
     EXPECT_THAT(link_events, ElementsAre("back 4 2"));
 }
 
+/* One scan must not be half told when the next begins. */
+TEST_F(Contract, WhatAScanShowsToBeGoneComesBeforeALaterScan)
+{
+    Seen seen;
+    set("index.ifx=1");
+    hset("age_time=5");
+    seen.then = [&](const kt_mom_msg &msg) {
+        if (msg.scan_state == KT_MOM_SCAN_START) {
+            scan(seen);
+            scan(seen, GLOBAL);
+        }
+    };
+    subscribe(seen);
+    settled(seen);
+    platform_cut(program, 4);
+    del("index.ifx=1");
+    platform_restore(4, KT_MOM_RECONNECT_SAME);
+    EXPECT_THAT(settled(seen), ElementsAre("resync", "start", "over", "del index.ifx=1",
+                                           "hset 7: age_time=5", "over"));
+}
+
 TEST_F(Contract, AnotherInstanceKeepsNoSubscription)
 {
     Seen seen;

@@ -35,6 +35,10 @@ constexpr linux_env_variable TABLE[] = {
      "A file with the certificate to show to a server that asks for one, and its chain (tls: and "
      "sentinel: only)."},
     {"VVLAN_MOM_KEY", "", "A file with that certificate's key."},
+    {"VVLAN_MOM_CARD", "0",
+     "The number of this line card among those that share the server, 0 to 1023; its databases are "
+     "those from 16 times the number on, and the server's `databases` must be 16 times as many as "
+     "there are cards."},
     {"VVLAN_SHELL", SHELL_STANDARD, "The Unix socket of the debug shell."},
     {"VVLAN_PORTS", "/etc/vvlan/ports if it exists, else host",
      "The ports: host for the host's own interfaces, or a file of lines \"ifx phyid name\", "
@@ -50,12 +54,13 @@ std::string take_password_file(std::string_view value, linux_env_settings *setti
 std::string take_ca(std::string_view value, linux_env_settings *settings);
 std::string take_certificate(std::string_view value, linux_env_settings *settings);
 std::string take_key(std::string_view value, linux_env_settings *settings);
+std::string take_card(std::string_view value, linux_env_settings *settings);
 std::string take_shell(std::string_view value, linux_env_settings *settings);
 std::string take_ports(std::string_view value, linux_env_settings *settings);
 
 /* In the order of TABLE. */
-constexpr Take TAKES[] = {take_mom,         take_user, take_password_file, take_ca,
-                          take_certificate, take_key,  take_shell,         take_ports};
+constexpr Take TAKES[] = {take_mom, take_user, take_password_file, take_ca,   take_certificate,
+                          take_key, take_card, take_shell,         take_ports};
 static_assert(std::size(TAKES) == std::size(TABLE));
 
 struct Environment {
@@ -238,6 +243,17 @@ std::string take_key(std::string_view value, linux_env_settings *settings)
     if (value.empty() != settings->mom_certificate.empty())
         return "VVLAN_MOM_CERT and VVLAN_MOM_KEY are wanted both, or neither";
     return check_tls_file(value, *settings);
+}
+
+std::string take_card(std::string_view value, linux_env_settings *settings)
+{
+    if (value.empty())
+        return "";
+    const char *end = value.data() + value.size();
+    const auto [stopped, error] = std::from_chars(value.data(), end, settings->mom_card);
+    const bool is_good =
+        error == std::errc() && stopped == end && settings->mom_card <= LINUX_ENV_CARD_MAX;
+    return is_good ? "" : "a number from 0 to " + std::to_string(LINUX_ENV_CARD_MAX) + " is wanted";
 }
 
 std::string take_shell(std::string_view value, linux_env_settings *settings)

@@ -44,6 +44,8 @@ struct linux_env_mom {
     std::string name;                         /* sentinel: what it calls the server */
 };
 
+constexpr uint32_t LINUX_ENV_CARD_MAX = 1023;
+
 struct linux_env_settings {
     linux_env_mom mom;
     std::string mom_user;          /* "": the default user */
@@ -51,6 +53,7 @@ struct linux_env_settings {
     std::string mom_ca;            /* "": the host's certificates */
     std::string mom_certificate;   /* shown to the server; "": none */
     std::string mom_key;           /* of that certificate */
+    uint32_t mom_card = 0;         /* which set of databases, up to LINUX_ENV_CARD_MAX */
     std::string shell;             /* path of the debug shell's socket */
     std::string ports;             /* "host", or the path of a file */
 };

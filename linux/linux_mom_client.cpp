@@ -47,7 +47,8 @@ void end_client(const kt_global *global);
 void end_connection(Connection &c);
 std::string random_id();
 int64_t jittered(int64_t micros);
-void expect_within(Connection &c, int64_t micros, const char *otherwise);
+void expect_within(Connection &c, int64_t micros, const char *what);
+void give_up(Connection &c);
 void connect_once(Connection &c);
 void greet(Connection &c);
 void greet_subscriber(Connection &c);
@@ -72,7 +73,8 @@ std::vector<std::string_view> script_arguments(const Connection &c, redis::Scrip
 } // namespace
 
 Connection::Connection(kt_global *of, uint32_t number, std::string life_of)
-    : global(of), db(number), prefix(std::to_string(number) + ":"), life(std::move(life_of)),
+    : global(of), db(number), place(std::to_string(redis::find_database(*linux_env(), number))),
+      prefix(place + ":"), life(std::move(life_of)),
       command([this](redis::Reply reply) { answered(*this, std::move(reply)); },
               [this](const std::string &why) { lose(*this, why); }),
       subscriber([this](redis::Reply reply) { heard(*this, std::move(reply)); },
@@ -363,11 +365,20 @@ int64_t jittered(int64_t micros)
 
 /* --- Greeting: everything up to the first request of the program */
 
-void expect_within(Connection &c, int64_t micros, const char *otherwise)
+void expect_within(Connection &c, int64_t micros, const char *what)
 {
     linux_loop_cancel(c.retry_timer);
+    c.awaited = what;
     c.patience_ends = linux_loop_now() + micros;
-    c.retry_timer = linux_loop_after(micros, [&c, otherwise] { lose(c, otherwise); });
+    c.retry_timer = linux_loop_after(micros, [&c] { give_up(c); });
+}
+
+/* A server without TLS says nothing to what it takes for half a request. */
+void give_up(Connection &c)
+{
+    lose(c, c.command.is_shaking_hands()
+                ? "no answer in TLS; does the server speak it on this port?"
+                : std::string("no answer ") + c.awaited);
 }
 
 /* Turns the request link until it is greeted or lost. */
@@ -379,7 +390,7 @@ void connect_once(Connection &c)
         const int64_t left = c.patience_ends - linux_loop_now();
         redis::Link *const link = &c.command;
         if (left <= 0)
-            lose(c, "no answer to the greeting");
+            give_up(c);
         else if (redis::links_wait({&link, 1}, left) == -ENOTCONN)
             return;
     }
@@ -412,14 +423,14 @@ std::string link_name(const Connection &c, const char *role)
 
 void greet(Connection &c)
 {
-    expect_within(c, PATIENCE, "no answer to the greeting");
+    expect_within(c, PATIENCE, "to the greeting");
     const std::vector<std::string> login = redis::find_login(*linux_env());
     if (login.size() == 2)
         greet_with(c, {login[0], login[1]});
     else if (login.size() == 3)
         greet_with(c, {login[0], login[1], login[2]});
     greet_with(c, {"ROLE"}, [&c](const redisReply &reply) { check_role(c, reply); });
-    greet_with(c, {"SELECT", std::to_string(c.db)});
+    greet_with(c, {"SELECT", c.place});
     greet_with(c, {"CLIENT", "SETNAME", link_name(c, "command")});
     for (size_t i = 0; i < redis::SCRIPTS; i++) {
         const std::string text = redis::script_text(static_cast<redis::Script>(i));
@@ -437,7 +448,7 @@ void greet(Connection &c)
 /* Sentinel says where the server is now; the greeting then goes there. */
 void ask_sentinel(Connection &c)
 {
-    expect_within(c, SENTINEL_PATIENCE, "no answer from Sentinel");
+    expect_within(c, SENTINEL_PATIENCE, "from Sentinel");
     const std::vector<std::string> words = redis::find_question(*linux_env());
     const std::vector<std::string_view> question(words.begin(), words.end());
     const auto take = [&c](const redis::Reply &reply) {

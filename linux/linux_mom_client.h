@@ -140,6 +140,7 @@ struct Connection : std::enable_shared_from_this<Connection> {
 
     kt_global *global;
     uint32_t db;
+    std::string place;  /* its number on the server, "4" */
     std::string prefix; /* of its channels, "4:" */
     std::string life;
     uint64_t epoch = 0;
@@ -167,6 +168,7 @@ struct Connection : std::enable_shared_from_this<Connection> {
     int64_t backoff = 0;       /* microseconds */
     uint64_t retry_timer = 0;  /* also: gives up a greeting */
     int64_t patience_ends = 0; /* when it does */
+    const char *awaited = "";  /* what it was waiting for */
     uint64_t tick_timer = 0;
     int64_t probe_at = 0;
     bool has_owned = false; /* has written owner objects */

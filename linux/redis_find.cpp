@@ -11,6 +11,8 @@ namespace redis
 namespace
 {
 
+constexpr uint32_t DATABASES_A_CARD = 16;
+
 unsigned last_success = 0;
 
 std::optional<TlsFiles> tls_of(const linux_env_settings &settings);
@@ -45,6 +47,11 @@ unsigned find_first()
 void find_succeeded(unsigned attempt)
 {
     last_success = attempt;
+}
+
+uint32_t find_database(const linux_env_settings &settings, uint32_t db)
+{
+    return settings.mom_card * DATABASES_A_CARD + db;
 }
 
 std::vector<std::string> find_question(const linux_env_settings &settings)

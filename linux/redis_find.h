@@ -17,6 +17,7 @@
 #include "linux/linux_env.h"
 #include "linux/redis_link.h"
 
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -36,6 +37,9 @@ unsigned find_places(const linux_env_settings &settings);
 /* With which attempt to begin, and which one has led to the server. */
 unsigned find_first();
 void find_succeeded(unsigned attempt);
+
+/* The number that the server knows a database by: every line card has 16 of its own. */
+uint32_t find_database(const linux_env_settings &settings, uint32_t db);
 
 /* What to ask a Sentinel, and its answer: *address and "", or one sentence. */
 std::vector<std::string> find_question(const linux_env_settings &settings);

@@ -114,6 +114,11 @@ const Address &Link::address() const
     return m_address;
 }
 
+bool Link::is_shaking_hands() const
+{
+    return m_tls != nullptr && !m_tls->is_established();
+}
+
 unsigned Link::alternatives() const
 {
     return m_alternatives;
@@ -207,8 +212,7 @@ bool Link::connect()
 /* What could go to the socket now: before TLS is agreed on, no request can. */
 bool Link::has_to_send() const
 {
-    const bool is_clear = m_tls == nullptr || m_tls->is_established();
-    return !m_records.left().empty() || (is_clear && !m_out.left().empty());
+    return !m_records.left().empty() || (!is_shaking_hands() && !m_out.left().empty());
 }
 
 void Link::on_ready(bool is_readable, bool is_writable)
@@ -222,8 +226,7 @@ void Link::on_ready(bool is_readable, bool is_writable)
     }
     if (m_is_connecting && (is_writable || is_readable) && !finish_connect())
         return;
-    /* Answers first: a server that hangs up has often said why. */
-    if (is_readable)
+    if (is_readable) /* first, as in fail_sending() */
         read_some();
     if (is_writable && opening == m_opening)
         write_some();
@@ -324,9 +327,18 @@ void Link::write_some()
         error = send_some(m_tls != nullptr ? m_records : m_out);
     } while (error == 0 && has_to_send());
     if (error != 0 && error != EAGAIN)
-        fail(std::strerror(error));
+        fail_sending(std::strerror(error));
     else
         want_write(has_to_send());
+}
+
+/* A server that hangs up has often said why. */
+void Link::fail_sending(const std::string &why)
+{
+    const uint64_t opening = m_opening;
+    read_some();
+    if (opening == m_opening)
+        fail(why);
 }
 
 /* Requests become records only when the socket has taken those before. */

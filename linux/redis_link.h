@@ -89,6 +89,8 @@ public:
     bool is_open() const;
     /* Where it was opened to, the number filled: there another link meets the same server. */
     const Address &address() const;
+    /* TLS is wanted and the server has not agreed to it yet. */
+    bool is_shaking_hands() const;
     /* How many addresses the name had, at least 1. */
     unsigned alternatives() const;
 
@@ -123,6 +125,7 @@ private:
     void write_some();
     void encrypt();
     int send_some(Outgoing &bytes);
+    void fail_sending(const std::string &why);
     void want_write(bool wanted);
     void fail(const std::string &why);
 

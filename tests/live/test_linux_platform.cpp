@@ -232,6 +232,7 @@ TEST_F(LinuxPlatform, EnvironmentIsReadByItsTableOrRefusedWithASentence)
         {"VVLAN_MOM", "tcp:a:1,b:2"},     {"VVLAN_MOM", "sentinel:a:1"},
         {"VVLAN_MOM", "sentinel:a:1,/m"}, {"VVLAN_MOM_PASSWORD_FILE", "secret"},
         {"VVLAN_MOM_CA", "/ca"},          {"VVLAN_MOM_KEY", "/key"},
+        {"VVLAN_MOM_CARD", "1024"},       {"VVLAN_MOM_CARD", "1x"},
         {"VVLAN_PORTS", "ports"}};
     for (const auto &[name, value] : refused)
         EXPECT_THAT(parse({{name, value}}), StartsWith(std::string(name) + "=" + value + ": "));

@@ -1,28 +1,18 @@
 /*
  * bench_switch - a simulated switch of a given size with the daemon on it.
  *
- * Ports are numbered from 1 and are all in automatic mode; OUIs are of the
- * three sizes that the registry gives out, most of them of 24 bits; MACs are
- * spread evenly over OUIs and ports. Debug level 1: errors are logged.
+ * What it holds is that of bench_objects; all ports are in automatic mode. Debug
+ * level 1: errors are logged.
  */
 #ifndef BENCH_BENCH_SWITCH_H
 #define BENCH_BENCH_SWITCH_H
 
 #include <cstdint>
 
-#include "app/proc/udp_vvlan_state.h"
-#include "proto/u_bridge.pb-c.h"
+#include "bench/bench_objects.h"
 
 namespace bench
 {
-
-constexpr uint32_t VOICE_VID = 100;
-
-struct Size {
-    uint32_t ports;
-    uint32_t ouis;
-    uint32_t macs;
-};
 
 /* The constructor starts an empty world; the databases are filled by what follows. */
 class Switch
@@ -43,18 +33,6 @@ public:
 
 private:
     Size size_;
-};
-
-/* One notification with the messages it consists of; not to be copied. */
-struct Noti {
-    Noti(const Size &size, uint32_t number);
-    Noti(const Noti &) = delete;
-    Noti &operator=(const Noti &) = delete;
-
-    udp_vvlan_mac_addr bytes;
-    PLibpub__Mac mac;
-    UBridge__UdpL2addrBaseIndex index;
-    UBridge__MacVidRegNoti message;
 };
 
 } // namespace bench

@@ -3,16 +3,21 @@
 
 usage: report.py RESULTS.json... PLOT_FOLDER
 
-Prints the report and writes one file of points per curve for bench/plot.gp
-into PLOT_FOLDER. Times are medians over the repetitions.
+Prints the report, as far as there are results, and writes one file of points
+per curve for bench/plot.gp into PLOT_FOLDER. Times are medians over the
+repetitions; where two programs took turns, the ratio is the median of the
+ratios of each turn.
 """
 import json
+import statistics
 import sys
 from pathlib import Path
 
 HMAP_PHASES = ("put", "find", "miss", "delete")
 HMAP_GOAL_LIMIT = 100_000  # records; above it there is no goal
 NOTI_COUNT = 65_536
+NOTICES_GOAL = 0.9  # of the bare subscriber's rate
+SYNC_GOAL = 1.2  # times the bare client's time
 GROWTH_GOAL = 1.1  # no faster than the work; a tenth is what two runs differ by
 
 
@@ -32,8 +37,20 @@ def load(paths):
     return results
 
 
-def verdict(ratio, goal):
-    return "" if goal is None else f"goal {goal:4.2f}  {'met' if ratio <= goal else 'SHORT'}"
+def verdict(ratio, goal, at_least=False):
+    if goal is None:
+        return ""
+    met = ratio >= goal if at_least else ratio <= goal
+    return f"goal {goal:4.2f}  {'met' if met else 'SHORT'}"
+
+
+def ratio_of(over, under):
+    return statistics.median(a / b for a, b in zip(over, under))
+
+
+def percentile(values, share):
+    ordered = sorted(values)
+    return ordered[min(len(ordered) - 1, int(len(ordered) * share))]
 
 
 class Report:
@@ -115,17 +132,83 @@ class Report:
                   " bytes")
 
 
+    def simulated(self):
+        """The daemon on the simulated switch."""
+        self.notifications()
+        self.growth("sync_first", "A switch starts, by number of MACs (a sixteenth as many ports,"
+                    " up to 127 OUIs)", "object", GROWTH_GOAL)
+        self.growth("sync_again", "The daemon starts again on a running switch, by number of MACs"
+                    " (a sixteenth as many ports)", "notification", GROWTH_GOAL)
+        self.growth("aging", "One aging tick, by number of ports", "port")
+        self.growth("oui_delete", "Deletion of one OUI of 127, by number of MACs", "MAC")
+        self.memory()
+
+    def live(self):
+        """The daemon as a process on Redis."""
+        print("\nThe daemon as a process on Redis; what is compared took turns on one server")
+        self.live_notices()
+        self.live_sync("sync_first", "First synchronisation, from the daemon's start")
+        self.live_sync("restart", "Restart, from SIGKILL (started again at once, no supervisor)")
+        self.live_latency()
+        memory = self.results["live/memory"]
+        print(f"\nResident memory of the daemon: {memory['empty'][0] / 1e6:.1f} MB,"
+              f" {memory['port'][0]:.0f} bytes a port, {memory['mac'][0]:.0f} bytes a MAC;"
+              f" of Redis: {memory['server_port'][0]:.0f} bytes a port,"
+              f" {memory['server_mac'][0]:.0f} bytes a MAC\n"
+              f"Idle: {memory['wakeups'][0]:.1f} wake-ups a second,"
+              f" {memory['idle_cpu'][0] * 1e6:.0f} us of processor time a second")
+
+    def live_notices(self):
+        print("\nMAC notices to settled daemon state against a bare subscriber that unpacks them\n\n"
+              "                       daemon          bare   ratio                    processor time")
+        for way in ("stored", "published"):
+            found = self.results[f"live/notices/{way}"]
+            ours, bare = (statistics.median(found[who]) for who in ("daemon", "bare"))
+            cpu = [statistics.median(found[who]) * 1e6 for who in ("daemon_cpu", "bare_cpu")]
+            ratio = ratio_of(found["daemon"], found["bare"])
+            print(f"{way:12} {ours:12.0f}/s {bare:11.0f}/s   {ratio:5.2f}"
+                  f"  {verdict(ratio, NOTICES_GOAL, at_least=True):16}"
+                  f"  {cpu[0]:.2f} and {cpu[1]:.2f} us")
+
+    def live_sync(self, name, title):
+        print(f"\n{title}, against a bare client that\nscans and unpacks everything once,"
+              " and that does so as often as the daemon must (a scan of\nall MACs more for each"
+              " port in automatic mode); ms\n\n"
+              "ports  automatic  OUIs   MACs      ready    settled  bare once   ratio"
+              "                    as often   ratio")
+        prefix = f"live/{name}/"
+        found = [entry for key, entry in self.results.items() if key.startswith(prefix)]
+        for entry in sorted(found, key=lambda entry: entry["bare_required"][0]):
+            ports, automatic, ouis, macs = (int(value) for value in entry["size"])
+            ready, settled, bare, required = (
+                statistics.median(entry[figure]) * 1e3
+                for figure in ("ready", "settled", "bare", "bare_required"))
+            once = ratio_of(entry["settled"], entry["bare"])
+            same = ratio_of(entry["settled"], entry["bare_required"])
+            goal = SYNC_GOAL if name == "sync_first" else None
+            print(f"{ports:5} {automatic:10} {ouis:5} {macs:6} {ready:10.0f} {settled:10.0f}"
+                  f" {bare:10.0f} {once:7.2f}  {verdict(once, goal):16} {required:10.0f}"
+                  f" {same:7.2f}  {verdict(same, goal)}".rstrip())
+
+    def live_latency(self):
+        other = self.results["live/latency/other"]["rate"][0]
+        print("\nFrom a port notice to the daemon's join record, us; busy: with"
+              f" {other:.0f} other events a second\n")
+        for way in ("library", "tool"):
+            for load in ("idle", "busy"):
+                found = self.results[f"live/latency/{way}/{load}"]["latency"]
+                print(f"{way:8} {load}   p50 {percentile(found, 0.5) * 1e6:8.0f}"
+                      f"   p99 {percentile(found, 0.99) * 1e6:8.0f}   of {len(found)}")
+
+
 def main():
     report = Report(load(sys.argv[1:-1]), Path(sys.argv[-1]))
-    report.hmap()
-    report.notifications()
-    report.growth("sync_first", "A switch starts, by number of MACs (a sixteenth as many ports,"
-                  " up to 127 OUIs)", "object", GROWTH_GOAL)
-    report.growth("sync_again", "The daemon starts again on a running switch, by number of MACs"
-                  " (a sixteenth as many ports)", "notification", GROWTH_GOAL)
-    report.growth("aging", "One aging tick, by number of ports", "port")
-    report.growth("oui_delete", "Deletion of one OUI of 127, by number of MACs", "MAC")
-    report.memory()
+    if any(name.startswith("hmap/") for name in report.results):
+        report.hmap()
+    if any(name.startswith("daemon/") for name in report.results):
+        report.simulated()
+    if any(name.startswith("live/") for name in report.results):
+        report.live()
 
 
 if __name__ == "__main__":

@@ -8,7 +8,7 @@ packages_run="g++ cmake ninja-build pkg-config protobuf-c-compiler libprotobuf-c
 packages_live="$packages_run redis-server"
 packages_test="$packages_live libgtest-dev libgmock-dev git openssl python3"
 packages_coverage="$packages_test gcovr"
-packages_bench="$packages_run libbenchmark-dev gnuplot-nox python3"
+packages_bench="$packages_live libbenchmark-dev gnuplot-nox python3"
 packages_check="$packages_test clang clang-format clang-tidy"
 
 # Prints those of the named packages that are not installed.

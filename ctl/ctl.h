@@ -75,6 +75,9 @@ struct Host {
      */
     std::function<long(std::string_view text)> write_now;
 
+    /* How many changes of a database its client has dropped, since this tool fell behind. */
+    std::function<uint64_t(uint32_t db)> missed;
+
     /* Runs one line in the daemon's debug shell; throws Failure (NO_REACH). */
     std::function<ShellAnswer(const std::string &line)> shell;
 

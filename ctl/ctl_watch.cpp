@@ -25,6 +25,7 @@ namespace
 using std::chrono::steady_clock;
 
 constexpr std::chrono::milliseconds WRITE_EVERY{10};
+constexpr std::chrono::seconds SKIPPED_EVERY{1};
 constexpr long WRITE_EVERY_MICROS = 10'000;
 constexpr size_t WRITE_AT_ONCE = 32'768; /* bytes that do not wait for the timer */
 constexpr uint32_t NO_DB = UINT32_MAX;
@@ -56,10 +57,8 @@ public:
     bool is_closed = false; /* nobody reads any more */
     uint64_t skipped = 0;
 
-    bool has_room() const
-    {
-        return lines < limit && text.size() - written < WATCH_QUEUE_BYTES;
-    }
+    /* Once it was full, only when half of it is out: fewer gaps, each told once. */
+    bool has_room();
 
 private:
     Host &host;
@@ -67,6 +66,7 @@ private:
     std::string text;
     size_t written = 0; /* bytes of the text that are out */
     size_t lines = 0;   /* in the rest */
+    bool is_full = false;
     steady_clock::time_point last = steady_clock::now();
 };
 
@@ -124,6 +124,8 @@ private:
     std::time_t stamped_second = -1; /* second_text is of this second */
     std::string second_text;
     uint64_t told = 0;
+    steady_clock::time_point skipped_told;
+    uint64_t missed_told = 0; /* of those that the database's client dropped */
     bool is_timer_armed = false;
     bool is_over = false;
 };
@@ -198,6 +200,16 @@ void Queue::write()
     }
 }
 
+bool Queue::has_room()
+{
+    const size_t bytes = text.size() - written;
+    if (lines >= limit || bytes >= WATCH_QUEUE_BYTES)
+        is_full = true;
+    else if (lines <= limit / 2 && bytes <= WATCH_QUEUE_BYTES / 2)
+        is_full = false;
+    return !is_full;
+}
+
 bool Queue::is_due() const
 {
     return text.size() - written >= WRITE_AT_ONCE || steady_clock::now() - last >= WRITE_EVERY;
@@ -256,11 +268,15 @@ void Watch::tell(const Change &change)
         write_later();
         return;
     }
-    tell_of_skipped();
+    if (queue.skipped != 0)
+        tell_of_skipped();
     if (queue.take(line_of(change)) && !change.is_standing)
         told++;
-    if (queue.is_due())
+    if (queue.is_due()) {
+        if (steady_clock::now() - skipped_told >= SKIPPED_EVERY)
+            tell_of_skipped();
         queue.write();
+    }
     write_later();
 }
 
@@ -284,11 +300,16 @@ void Watch::note(uint32_t db, const std::string &words)
 
 void Watch::tell_of_skipped()
 {
-    if (queue.skipped == 0)
+    uint64_t missed = 0;
+    for (const auto &[db, receiver] : receivers)
+        missed += context.host.missed(db);
+    const uint64_t count = queue.skipped + missed - missed_told;
+    if (count == 0)
         return;
-    const std::string count = std::to_string(queue.skipped);
     queue.skipped = 0;
-    note(NO_DB, count + (count == "1" ? " change" : " changes") +
+    missed_told = missed;
+    skipped_told = steady_clock::now();
+    note(NO_DB, std::to_string(count) + (count == 1 ? " change" : " changes") +
                     " skipped: the output is slower than the databases");
 }
 

@@ -3,9 +3,10 @@
  *
  * The database never waits for a person: lines go into a queue that is
  * written as fast as the output takes them, and when the queue is full
- * further changes are counted and skipped; the next line that fits says how
- * many. A line costs a few microseconds, and lines are written together, so
- * that a terminal or a disk is what limits the rate.
+ * further changes are counted and skipped until half of it is out; the next
+ * line says how many. Those that the database's client had to drop before this
+ * tool could take them are counted with them. A line costs a few microseconds, and lines are
+ * written together, so that a terminal or a disk is what limits the rate.
  */
 #ifndef CTL_CTL_WATCH_H
 #define CTL_CTL_WATCH_H

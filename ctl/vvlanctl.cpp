@@ -19,6 +19,7 @@
 #include "linux/linux_env.h"
 #include "linux/linux_log.h"
 #include "linux/linux_loop.h"
+#include "linux/linux_mom.h"
 
 namespace
 {
@@ -30,6 +31,7 @@ constexpr const char *HISTORY_FILE = "/.vvlanctl_history";
 constexpr int HISTORY_MAX = 1000;
 
 bool is_interrupted = false;
+kt_global *context = nullptr;
 
 /*
  * What the platform logged: it explains a connection that failed, and is a
@@ -62,6 +64,7 @@ int main(int count, char **arguments)
                    trouble_text,
                    run_loop,
                    write_now,
+                   [](uint32_t db) { return linux_mom_look(context, db).dropped; },
                    [](const std::string &line) {
                        return ctl::shell_ask(settings().shell, line, SHELL_PATIENCE);
                    },
@@ -95,10 +98,10 @@ const linux_env_settings &settings()
 kt_global *open_context()
 {
     linux_env_use(settings());
-    kt_global *global = kt_global_init("vvlanctl", nullptr);
-    if (global == nullptr)
+    context = kt_global_init("vvlanctl", nullptr);
+    if (context == nullptr)
         throw ctl::Failure{ctl::NO_REACH, "the database client cannot be started"};
-    return global;
+    return context;
 }
 
 std::string server_text()

@@ -114,6 +114,7 @@ protected:
     std::ostringstream err;
     std::string written; /* by write_now */
     size_t room = SIZE_MAX;
+    uint64_t missed = 0; /* by the client of database 4 */
     bool shell_is_up = true;
     std::string trouble;          /* what the platform knows of a failed connection */
     std::function<void()> during; /* what happens while a watch runs */
@@ -128,6 +129,7 @@ protected:
                        written += text.substr(0, room - std::min(room, written.size()));
                        return static_cast<long>(std::min(text.size(), room));
                    },
+                   [this](uint32_t db) { return db == 4 ? missed : 0; },
                    [this](const std::string &line) { return ask_shell(line); },
                    {},
                    {}};
@@ -324,12 +326,14 @@ TEST_F(Ctl, CountsWhatASlowOutputSkips)
             run("object set p_bridge.vvlan_port_auto index.ifx=7 enable=1");
         sim::run_until(sim::now() + sim::SECOND);
         room = SIZE_MAX;
+        missed = 5;
         sim::run_until(sim::now() + sim::SECOND);
         run("object del p_bridge.vvlan_port_auto index.ifx=7");
     };
     EXPECT_EQ(run("watch --queue 3"), 0) << err.str();
     EXPECT_EQ(std::count(written.begin(), written.end(), '\n'), 5) << written;
-    EXPECT_THAT(written, HasSubstr("6 changes skipped: the output is slower than the databases"));
+    EXPECT_THAT(written,
+                HasSubstr("  11 changes skipped: the output is slower than the databases"));
     EXPECT_TRUE(written.ends_with("port 7 leaves the voice VLAN\n")) << written;
 }
 

@@ -8,22 +8,42 @@ _vvlanctl_values() {
     esac
 }
 
-_vvlanctl() {
-    local current previous command sub word words_seen=()
-    current=${COMP_WORDS[COMP_CWORD]}
-    previous=${COMP_WORDS[COMP_CWORD - 1]}
-    for word in "${COMP_WORDS[@]:1:COMP_CWORD-1}"; do
-        [[ $word == -* ]] || words_seen+=("$word")
+# The words of the line without options and their values; bash itself splits at colons.
+_vvlanctl_words() {
+    local word skip=""
+    for word in "$@"; do
+        case $word in
+        --mom | --shell | --phyid | --vlan | --db | --expire | --count | --for | --queue) skip=yes ;;
+        -*) ;;
+        *)
+            [[ -n $skip ]] || seen+=("$word")
+            skip=""
+            ;;
+        esac
     done
-    command=${words_seen[0]-}
-    sub=${words_seen[1]-}
+}
+
+_vvlanctl() {
+    local typed seen=() current previous command sub line=${COMP_LINE:0:COMP_POINT}
+    read -ra typed <<<"$line"
+    [[ $line == *[[:blank:]] ]] && typed+=("")
+    current=${typed[-1]}
+    previous=${typed[-2]-}
+    _vvlanctl_words "${typed[@]:1:${#typed[@]}-2}"
+    command=${seen[0]-}
+    sub=${seen[1]-}
     case $previous in
     --shell)
         mapfile -t COMPREPLY < <(compgen -f -- "$current")
         return
         ;;
     --mom)
-        mapfile -t COMPREPLY < <(compgen -W "unix: tcp: tls: sentinel:" -- "$current")
+        compopt -o nospace 2>/dev/null
+        if [[ $current == *:* ]]; then
+            mapfile -t COMPREPLY < <(compgen -f -- "${current#*:}")
+        else
+            mapfile -t COMPREPLY < <(compgen -W "unix: tcp: tls: sentinel:" -- "$current")
+        fi
         return
         ;;
     esac
@@ -49,7 +69,7 @@ _vvlanctl() {
             [[ $sub == set ]] && options+=" --expire"
             [[ $sub == scan || $sub == watch ]] && options+=" --exact"
             [[ $sub == watch ]] && options+=" --since-start --count --for --queue"
-            [[ -n ${words_seen[2]-} ]] ||
+            [[ -n ${seen[2]-} ]] ||
                 choices=$(vvlanctl object kinds 2>/dev/null | awk 'NR > 1 { print $1 }')
             ;;
         esac

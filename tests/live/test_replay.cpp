@@ -12,7 +12,6 @@
  */
 #include <algorithm>
 #include <csignal>
-#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -31,6 +30,7 @@
 #include "proto/p_bridge.pb-c.h"
 #include "proto/s_bridge.pb-c.h"
 #include "proto/u_bridge.pb-c.h"
+#include "tests/live/command.h"
 #include "tests/live/live_daemon.h"
 #include "tests/live/redis_server.h"
 #include "words/words.h"
@@ -45,23 +45,6 @@ constexpr int64_t PATIENCE = 30'000'000; /* microseconds, for the daemon to get 
 constexpr int64_t POLL = 1'000;
 constexpr int ENDING = 30'000; /* milliseconds */
 constexpr uint32_t DATABASES[] = {0, 4, 6, 8};
-
-struct Output {
-    std::string text;
-    int status;
-};
-
-Output run(const std::string &command)
-{
-    Output output;
-    std::FILE *pipe = popen((command + " 2>&1").c_str(), "r");
-    char chunk[4096];
-    for (size_t got; (got = fread(chunk, 1, sizeof chunk, pipe)) > 0;)
-        output.text.append(chunk, got);
-    const int status = pclose(pipe);
-    output.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    return output;
-}
 
 /* Polls until it holds; the loop turns meanwhile. */
 template <typename Condition> bool until(const Condition &condition)

@@ -1,0 +1,198 @@
+/* vvlanctl as a program: exit statuses, two at once, the debug shell at a terminal, completion. */
+#include <chrono>
+#include <csignal>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <pty.h>
+#include <unistd.h>
+
+#include "tests/live/command.h"
+#include "tests/live/live_daemon.h"
+#include "tests/live/redis_server.h"
+
+namespace
+{
+
+using testing::HasSubstr;
+
+constexpr std::chrono::seconds PATIENCE{30};
+const std::string PROGRAM = VVLAN_PROGRAM_DIR "/vvlanctl";
+
+class Vvlanctl : public testing::Test
+{
+protected:
+    Vvlanctl()
+    {
+        setenv("VVLAN_MOM", ("unix:" + server.socket()).c_str(), 1);
+        setenv("VVLAN_SHELL", (server.directory() + "/shell.sock").c_str(), 1);
+        setenv("VVLAN_PORTS", (server.directory() + "/ports").c_str(), 1);
+        setenv("HOME", server.directory().c_str(), 1);
+        setenv("PATH", (VVLAN_PROGRAM_DIR ":" + std::string(getenv("PATH"))).c_str(), 1);
+        std::ofstream(server.directory() + "/ports") << "3 259 ge3\n";
+    }
+    void start()
+    {
+        daemon.start();
+        const auto end = std::chrono::steady_clock::now() + PATIENCE;
+        while (run("vvlanctl shell help").status != 0)
+            ASSERT_LT(std::chrono::steady_clock::now(), end) << daemon.log();
+    }
+
+    RedisServer server;
+    LiveDaemon daemon{VVLAN_PROGRAM_DIR "/ox.vvlan.dp", server.directory(), {}};
+};
+
+TEST_F(Vvlanctl, EndsWithAStatusThatTellsWhatHappened)
+{
+    const auto status = [](const std::string &line) { return run("vvlanctl " + line).status; };
+    EXPECT_EQ(status("set vlan 100 switch on"), 0);
+    EXPECT_EQ(status("set vlan 4095"), 1);
+    EXPECT_EQ(status("set vlan"), 2);
+    EXPECT_EQ(status("shell help"), 3) << "no daemon";
+    EXPECT_EQ(status("show"), 0) << "the databases are there";
+    EXPECT_EQ(status("--mom unix:/nowhere show"), 3);
+    EXPECT_EQ(status("--mom nowhere show"), 2);
+    EXPECT_EQ(status("show -j >/dev/full"), 1);
+    server.freeze();
+    EXPECT_EQ(status("port auto 3"), 3) << "no answer";
+    server.thaw();
+}
+
+TEST_F(Vvlanctl, LosesNoHalfOfAFieldToAnotherThatSetsTheOther)
+{
+    for (const char *values : {"5 40", "3 12", "7 1", "1 63"}) {
+        const std::string cos(values, 1), dscp(values + 2);
+        const std::string both = "vvlanctl set cos " + cos + " & vvlanctl set dscp " + dscp +
+                                 " & vvlanctl set vlan 1" + cos + " & vvlanctl set aging " + dscp +
+                                 " & wait";
+        EXPECT_EQ(run(both).status, 0);
+        EXPECT_EQ(run("vvlanctl object get p_bridge.vvlan_glb_cfg").text,
+                  "glb_switch.vlan=1" + cos + " age_time=" + dscp + " qos.cos=" + cos +
+                      " qos.dscp=" + dscp + "\n");
+    }
+}
+
+/* A program at a terminal of its own. */
+class Terminal
+{
+public:
+    explicit Terminal(const std::string &command)
+    {
+        pid = forkpty(&fd, nullptr, nullptr, nullptr);
+        if (pid == 0) {
+            setenv("TERM", "dumb", 1);
+            execl("/bin/sh", "sh", "-c", command.c_str(), nullptr);
+            _exit(127);
+        }
+    }
+    ~Terminal()
+    {
+        kill(pid, SIGKILL);
+        waitpid(pid, nullptr, 0);
+        close(fd);
+    }
+    Terminal(const Terminal &) = delete;
+    Terminal &operator=(const Terminal &) = delete;
+
+    void type(const std::string &keys) const
+    {
+        ASSERT_EQ(write(fd, keys.data(), keys.size()), static_cast<ssize_t>(keys.size()));
+    }
+    /* Waits until it has printed this behind what was awaited before. */
+    void expect(const std::string &wanted)
+    {
+        size_t at = 0;
+        while ((at = screen.find(wanted)) == std::string::npos) {
+            pollfd output{fd, POLLIN, 0};
+            ASSERT_EQ(poll(&output, 1, static_cast<int>(PATIENCE.count() * 1000)), 1)
+                << wanted << " in\n"
+                << screen;
+            char chunk[4096];
+            const ssize_t got = read(fd, chunk, sizeof chunk);
+            ASSERT_GT(got, 0) << wanted << " in\n" << screen;
+            screen.append(chunk, static_cast<size_t>(got));
+        }
+        screen.erase(0, at + wanted.size());
+    }
+    void expect_end()
+    {
+        pollfd output{fd, POLLIN, 0};
+        char chunk[4096];
+        while (poll(&output, 1, static_cast<int>(PATIENCE.count() * 1000)) == 1) {
+            if (read(fd, chunk, sizeof chunk) <= 0)
+                return;
+        }
+        ADD_FAILURE() << "it stays";
+    }
+
+private:
+    int fd = -1;
+    pid_t pid;
+    std::string screen;
+};
+
+TEST_F(Vvlanctl, ConversesWithTheDebugShell)
+{
+    start();
+    EXPECT_EQ(run("printf 'set-zlog-level 3\\n\\nshow-zlog-level\\nquit\\nnot read\\n' | "
+                  "vvlanctl shell")
+                  .status,
+              0);
+    EXPECT_EQ(run("echo nothing | vvlanctl shell").status, 1);
+    for (int visit = 0; visit < 2; visit++) {
+        Terminal terminal("vvlanctl shell");
+        terminal.expect("vvlan> ");
+        terminal.type(visit == 0 ? "set-z\t 2\n" : "\x10\x10\n"); /* completion; the line above */
+        terminal.expect("set zlog_level=2 success !");
+        terminal.expect("vvlan> ");
+        terminal.type("exit\n");
+        terminal.expect_end();
+        EXPECT_EQ(run("grep -c exit ~/.vvlanctl_history").text, visit == 0 ? "1\n" : "2\n");
+    }
+}
+
+TEST_F(Vvlanctl, CompletesInBash)
+{
+    start();
+    const std::string script = "source " VVLAN_SOURCE_DIR "/ctl/completion/vvlanctl.bash\n"
+                               "complete -p vvlanctl\n"
+                               "try() { COMP_LINE=$1 COMP_POINT=${#1}; _vvlanctl\n"
+                               "echo \"${COMPREPLY[*]}\"; }\n";
+    const auto completed = [&](const std::string &line) {
+        std::ofstream(server.directory() + "/script") << script << "try '" << line << "'\n";
+        const std::string text = run("bash -eu " + server.directory() + "/script").text;
+        EXPECT_THAT(text, testing::StartsWith("complete -F _vvlanctl vvlanctl\n"));
+        return text.substr(text.find('\n') + 1);
+    };
+    EXPECT_EQ(completed("vvlanctl s"), "set show shell\n");
+    EXPECT_EQ(completed("vvlanctl -j --mom tcp:1.2.3.4:5 oui "), "add del list\n");
+    EXPECT_EQ(completed("vvlanctl set security on switch "), "on off\n");
+    EXPECT_EQ(completed("vvlanctl object get u_bridge.vvlan_j"), "u_bridge.vvlan_join\n");
+    EXPECT_EQ(completed("vvlanctl shell dump_all_m"), "dump_all_mac\n");
+    EXPECT_EQ(completed("vvlanctl object watch --s"), "--shell --since-start\n");
+}
+
+TEST_F(Vvlanctl, CompletesInZsh)
+{
+    if (run("command -v zsh").status != 0)
+        GTEST_SKIP() << "there is no zsh here";
+    start();
+    Terminal terminal("PS1='ready> ' exec zsh -f -i");
+    terminal.expect("ready> ");
+    terminal.type("fpath=(" VVLAN_SOURCE_DIR "/ctl/completion $fpath); autoload -U compinit; "
+                  "compinit -u -D; print loaded: $_comps[vvlanctl]\n");
+    terminal.expect("loaded: _vvlanctl");
+    terminal.expect("ready> ");
+    terminal.type("vvlanctl object get u_bridge.vvlan_j\t");
+    terminal.expect("u_bridge.vvlan_join");
+    terminal.type("\x15vvlanctl shell dump_all_m\t");
+    terminal.expect("dump_all_mac");
+    terminal.type("\x15vvlanctl port \t");
+    terminal.expect("manual");
+}
+
+} // namespace

@@ -411,8 +411,8 @@ int connect_unix(const std::string &path)
 /* One of the addresses of the host, in their order; it is noted as the number. */
 int connect_found(const addrinfo *found, Address &address, unsigned *alternatives)
 {
-    *alternatives = 0;
-    for (const addrinfo *each = found; each != nullptr; each = each->ai_next)
+    *alternatives = 1;
+    for (const addrinfo *each = found->ai_next; each != nullptr; each = each->ai_next)
         ++*alternatives;
     const addrinfo *chosen = found;
     for (unsigned i = 0; i < address.attempt % *alternatives; i++)

@@ -4,9 +4,12 @@
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <gtest/gtest.h>
+#include <netinet/in.h>
 #include <sstream>
 #include <sys/prctl.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -18,7 +21,8 @@ void wait_until_ready(int fd)
 {
     std::string said;
     std::array<char, 512> chunk;
-    while (said.find("eady to accept connections") == std::string::npos) {
+    while (said.find("eady to accept connections") == std::string::npos &&
+           said.find("Sentinel ID is") == std::string::npos) {
         const ssize_t got = read(fd, chunk.data(), chunk.size());
         if (got <= 0) {
             ADD_FAILURE() << "redis-server: " << said;
@@ -40,14 +44,39 @@ std::string text_of(const redisReply &reply)
 
 } // namespace
 
-RedisServer::RedisServer(bool keeps_data) : m_keeps_data(keeps_data)
+RedisServer::RedisServer(bool keeps_data)
+    : RedisServer({"--appendonly", keeps_data ? "yes" : "no", "--appendfsync", "always"})
+{
+}
+
+RedisServer::RedisServer(std::vector<std::string> options) : RedisServer(std::move(options), "")
+{
+}
+
+RedisServer::RedisServer(std::vector<std::string> options, const std::string &sentinel)
+{
+    make_directory();
+    m_words = {"redis-server"};
+    if (!sentinel.empty()) {
+        m_words.push_back(m_directory + "/sentinel.conf");
+        std::ofstream(m_words.back()) << sentinel;
+    }
+    for (const char *word : {"--port", "0", "--bind", "127.0.0.1", "--unixsocket", m_socket.c_str(),
+                             "--dir", m_directory.c_str(), "--save", "", "--logfile", ""})
+        m_words.emplace_back(word);
+    m_words.insert(m_words.end(), options.begin(), options.end());
+    if (!sentinel.empty())
+        m_words.emplace_back("--sentinel");
+    start();
+    link_clients(m_socket);
+}
+
+void RedisServer::make_directory()
 {
     std::string pattern = std::filesystem::temp_directory_path() / "vvlan-test-XXXXXX";
     m_directory = mkdtemp(pattern.data());
     m_socket = m_directory + "/server.sock";
     m_link = m_directory + "/mom.sock";
-    start();
-    link_clients(m_socket);
 }
 
 RedisServer::~RedisServer()
@@ -60,14 +89,15 @@ void RedisServer::start()
 {
     std::array<int, 2> out = {-1, -1};
     ASSERT_EQ(pipe(out.data()), 0);
-    const char *append = m_keeps_data ? "yes" : "no";
+    std::vector<char *> words;
+    for (std::string &word : m_words)
+        words.push_back(word.data());
+    words.push_back(nullptr);
     m_pid = fork();
     if (m_pid == 0) {
         prctl(PR_SET_PDEATHSIG, SIGKILL);
         dup2(out[1], STDOUT_FILENO);
-        execlp("redis-server", "redis-server", "--port", "0", "--unixsocket", m_socket.c_str(),
-               "--dir", m_directory.c_str(), "--save", "", "--appendonly", append, "--appendfsync",
-               "always", "--logfile", "", nullptr);
+        execvp(words[0], words.data());
         _exit(127);
     }
     close(out[1]);
@@ -154,4 +184,18 @@ std::vector<std::string> RedisServer::clients(std::string_view name)
             ids.push_back(line.substr(3, line.find(' ') - 3));
     }
     return ids;
+}
+
+uint16_t free_port()
+{
+    sockaddr_in address = {};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t size = sizeof address;
+    auto *general = reinterpret_cast<sockaddr *>(&address);
+    const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    EXPECT_EQ(bind(fd, general, size), 0);
+    EXPECT_EQ(getsockname(fd, general, &size), 0);
+    close(fd);
+    return ntohs(address.sin_port);
 }

@@ -1,11 +1,13 @@
 /*
  * A redis-server for one test: on a Unix socket in a directory of its own, killed
  * with the test, and the directory removed. Clients go through a link beside the
- * socket, which a test can take away or point elsewhere.
+ * socket, which a test can take away or point elsewhere. It may listen on a port of
+ * the loopback as well, and be a Sentinel.
  */
 #ifndef TESTS_LIVE_REDIS_SERVER_H
 #define TESTS_LIVE_REDIS_SERVER_H
 
+#include <cstdint>
 #include <hiredis/hiredis.h>
 #include <initializer_list>
 #include <string>
@@ -18,6 +20,10 @@ class RedisServer
 public:
     /* With `keeps_data` everything is in a file before it is acknowledged. */
     explicit RedisServer(bool keeps_data = false);
+    /* What is said on redis-server's command line beside that, and of it what differs. */
+    explicit RedisServer(std::vector<std::string> options);
+    /* A Sentinel, by the lines of its configuration. */
+    RedisServer(std::vector<std::string> options, const std::string &sentinel);
     ~RedisServer();
     RedisServer(const RedisServer &) = delete;
     RedisServer &operator=(const RedisServer &) = delete;
@@ -39,10 +45,15 @@ public:
     std::vector<std::string> clients(std::string_view name);
 
 private:
-    bool m_keeps_data;
+    void make_directory();
+
+    std::vector<std::string> m_words; /* of the command */
     pid_t m_pid = -1;
     std::string m_directory, m_socket, m_link;
     redisContext *m_control = nullptr;
 };
+
+/* A port of the loopback on which nobody listens now. */
+uint16_t free_port();
 
 #endif

@@ -11,17 +11,19 @@ namespace ctl
 namespace
 {
 
-constexpr size_t MACS_ON_SCREEN = 20;
+constexpr size_t ROWS_ON_SCREEN = 20; /* of OUIs and of MACs */
 constexpr size_t ALL = SIZE_MAX;
 
 void print_screen(const Context &context, const State &state);
 void print_settings(const Context &context, const State &state);
 void print_ports(std::ostream &out, const State &state);
-void print_ouis(std::ostream &out, const State &state);
+void print_ouis(std::ostream &out, const State &state, size_t most);
 void print_macs(std::ostream &out, const State &state, bool only_voice, size_t most);
 void print_joins(std::ostream &out, const State &state);
 void print_events(std::ostream &out, const State &state);
 void print_nothing_or(std::ostream &out, const Table &table, const char *nothing);
+/* How many of the rows were not shown, and what shows them. */
+void print_rest(std::ostream &out, size_t count, size_t most, const char *part);
 Json json_of(const Context &context, const State &state, const std::string &what);
 
 std::string yes_no(bool value)
@@ -57,7 +59,7 @@ void show(const Context &context, const std::string &what)
     else if (what == "ports")
         print_ports(out, state);
     else if (what == "ouis")
-        print_ouis(out, state);
+        print_ouis(out, state, ALL);
     else if (what == "macs")
         print_macs(out, state, false, ALL);
     else if (what == "joins")
@@ -87,12 +89,12 @@ void print_screen(const Context &context, const State &state)
     out << "\nPorts (" << state.ports.size() << ")\n";
     print_ports(out, state);
     out << "\nOUIs (" << state.ouis.size() << " of " << OUI_MAX << ")\n";
-    print_ouis(out, state);
+    print_ouis(out, state, ROWS_ON_SCREEN);
     size_t voice = 0;
     for (const MacState &mac : state.macs)
         voice += mac.is_voice ? 1 : 0;
     out << "\nVoice MACs (" << voice << ")\n";
-    print_macs(out, state, true, MACS_ON_SCREEN);
+    print_macs(out, state, true, ROWS_ON_SCREEN);
     if (state.failure != nullptr) {
         out << "\nLatest failure\n";
         print_events(out, state);
@@ -131,33 +133,32 @@ void print_ports(std::ostream &out, const State &state)
     print_nothing_or(out, table, "none configured: vvlanctl port auto 1-48");
 }
 
-void print_ouis(std::ostream &out, const State &state)
+void print_ouis(std::ostream &out, const State &state, size_t most)
 {
     Table table({"OUI", "CONFIGURED", "IN FORCE", "ACE ID"});
-    for (const auto &[oui, row] : state.ouis)
-        table.row({words::oui(oui), yes_no(row.configured), yes_no(row.ace_id.has_value()),
-                   row.ace_id ? std::to_string(*row.ace_id) : ""});
+    size_t shown = 0;
+    for (const auto &[oui, row] : state.ouis) {
+        if (shown++ < most)
+            table.row({words::oui(oui), yes_no(row.configured), yes_no(row.ace_id.has_value()),
+                       row.ace_id ? std::to_string(*row.ace_id) : ""});
+    }
     print_nothing_or(out, table, "none configured: vvlanctl oui add 00:11:22/24");
+    print_rest(out, shown, most, "ouis");
 }
 
 void print_macs(std::ostream &out, const State &state, bool only_voice, size_t most)
 {
     Table table({"MAC", "PORT", "VLAN", "OUI", "VOICE"});
-    size_t left_out = 0;
     size_t shown = 0;
     for (const MacState &mac : state.macs) {
         if (only_voice && !mac.is_voice)
             continue;
-        if (shown++ >= most) {
-            left_out++;
-            continue;
-        }
-        table.row({words::mac(mac.mac), std::to_string(mac.port), std::to_string(mac.vlan),
-                   mac.oui ? words::oui(*mac.oui) : "", yes_no(mac.is_voice)});
+        if (shown++ < most)
+            table.row({words::mac(mac.mac), std::to_string(mac.port), std::to_string(mac.vlan),
+                       mac.oui ? words::oui(*mac.oui) : "", yes_no(mac.is_voice)});
     }
     print_nothing_or(out, table, only_voice ? "none" : "none learnt");
-    if (left_out != 0)
-        out << "  and " << left_out << " more: vvlanctl show macs\n";
+    print_rest(out, shown, most, "macs");
 }
 
 /* Both records of a join; they differ only for a moment, or where something is wrong. */
@@ -189,6 +190,12 @@ void print_nothing_or(std::ostream &out, const Table &table, const char *nothing
         out << "  " << nothing << '\n';
     else
         table.print(out);
+}
+
+void print_rest(std::ostream &out, size_t count, size_t most, const char *part)
+{
+    if (count > most)
+        out << "  and " << count - most << " more: vvlanctl show " << part << '\n';
 }
 
 template <typename Rows, typename Make> Json json_array(const Rows &rows, const Make &make)

@@ -93,7 +93,7 @@ public:
     }
     void run(std::span<const uint32_t> databases);
     void tell(const Change &change);
-    void note(uint32_t db, const std::string &words);
+    void note(uint32_t db, const std::string &words, uint64_t skipped = 0);
     void resume(uint32_t db);
     void write_later();
     void write_from_timer();
@@ -280,7 +280,7 @@ void Watch::tell(const Change &change)
     write_later();
 }
 
-void Watch::note(uint32_t db, const std::string &words)
+void Watch::note(uint32_t db, const std::string &words, uint64_t skipped)
 {
     if (is_over)
         return;
@@ -290,6 +290,7 @@ void Watch::note(uint32_t db, const std::string &words)
         json["db"] = db == NO_DB ? Json(nullptr) : Json(db);
         json["operation"] = "note";
         json["words"] = words;
+        json["skipped"] = skipped;
         queue.take(json_text(json));
     } else {
         queue.take(stamp() + (db == NO_DB ? "  --   " : "  db " + std::to_string(db) + "  ") +
@@ -309,8 +310,10 @@ void Watch::tell_of_skipped()
     queue.skipped = 0;
     missed_told = missed;
     skipped_told = steady_clock::now();
-    note(NO_DB, std::to_string(count) + (count == 1 ? " change" : " changes") +
-                    " skipped: the output is slower than the databases");
+    note(NO_DB,
+         std::to_string(count) + (count == 1 ? " change" : " changes") +
+             " skipped: the output is slower than the databases",
+         count);
 }
 
 /* Arms the timer unless it runs; it writes what the output did not take or what waits. */

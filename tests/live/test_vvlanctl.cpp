@@ -18,6 +18,7 @@ namespace
 {
 
 using testing::HasSubstr;
+using testing::Not;
 
 constexpr std::chrono::seconds PATIENCE{30};
 const std::string PROGRAM = VVLAN_PROGRAM_DIR "/vvlanctl";
@@ -49,6 +50,7 @@ protected:
 TEST_F(Vvlanctl, EndsWithAStatusThatTellsWhatHappened)
 {
     const auto status = [](const std::string &line) { return run("vvlanctl " + line).status; };
+    EXPECT_THAT(run("vvlanctl show").text, Not(HasSubstr("note:"))) << "an empty database is fine";
     EXPECT_EQ(status("set vlan 100 switch on"), 0);
     EXPECT_EQ(status("set vlan 4095"), 1);
     EXPECT_EQ(status("set vlan"), 2);

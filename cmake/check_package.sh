@@ -1,0 +1,99 @@
+#!/usr/bin/env bash
+# Makes the Debian package and uses it as an administrator would, in a Debian
+# root of its own: without systemd, under the supervisor, and booted with systemd.
+# Needs root. What happens inside is cmake/check_package_inside.sh.
+set -euo pipefail
+cd "$(dirname "${BASH_SOURCE[0]}")/.."
+. cmake/packages.sh
+
+exposure_max=20 # tenths
+work=$PWD/build/package
+root=$work/root
+
+fail() {
+    echo "$0: $1" >&2
+    exit 1
+}
+
+# make_package VERSION: the package of the release build, in $work.
+make_package() {
+    (cd build/release && cpack -G DEB -D CPACK_PACKAGE_VERSION="$1" -B "$work") \
+        >"$work/cpack.log" 2>&1 || { cat "$work/cpack.log" >&2 && fail "no package"; }
+}
+
+check_units() {
+    local unit
+    for unit in vvlan vvlan-mom; do
+        systemd-analyze security --offline=true --threshold="$exposure_max" --no-pager \
+            "packaging/systemd/$unit.service" >"$work/$unit.security" ||
+            { cat "$work/$unit.security" >&2 && fail "$unit.service is exposed"; }
+        tail -n 1 "$work/$unit.security"
+    done
+}
+
+# A minimal Debian, kept for the next time.
+make_base() {
+    [ -e "$work/base.done" ] && return
+    rm -rf "$work/base"
+    debootstrap --variant=minbase --include=systemd,systemd-sysv,dbus bookworm "$work/base" \
+        >"$work/debootstrap.log" 2>&1 || { cat "$work/debootstrap.log" >&2 && fail "no Debian"; }
+    printf '#!/bin/sh\nexit 101\n' >"$work/base/usr/sbin/policy-rc.d"
+    chmod 755 "$work/base/usr/sbin/policy-rc.d"
+    touch "$work/base.done"
+}
+
+make_root() {
+    rm -rf "$root"
+    cp -a "$work/base" "$root"
+    cp /etc/resolv.conf "$root/etc/resolv.conf"
+    cp "$work"/vvlan_*.deb "$root/opt"
+    install -m 755 cmake/check_package_inside.sh "$root/check"
+}
+
+# Host names and mirrors as here, services kept from starting by a policy.
+in_plain_root() {
+    unshare --mount --pid --fork --kill-child --mount-proc="$root/proc" \
+        chroot "$root" /check plain
+}
+
+in_booted_root() {
+    rm "$root/usr/sbin/policy-rc.d"
+    ln -sf /dev/null "$root/etc/systemd/system/redis-server.service"
+    cat >"$root/etc/systemd/system/check.service" <<END
+[Unit]
+After=multi-user.target
+SuccessAction=exit
+FailureAction=exit
+FailureActionExitStatus=1
+[Service]
+Type=oneshot
+ExecStart=/check booted
+StandardOutput=file:/check.log
+StandardError=inherit
+TimeoutStartSec=240
+END
+    mkdir -p "$root/etc/systemd/system/graphical.target.wants"
+    ln -s ../check.service "$root/etc/systemd/system/graphical.target.wants/check.service"
+    local status=0
+    timeout 300 systemd-nspawn --quiet --directory="$root" --register=no --keep-unit \
+        --private-network --boot </dev/null >"$work/boot.log" 2>&1 || status=$?
+    cat "$root/check.log" || cat "$work/boot.log"
+    return "$status"
+}
+
+[ "$(id -u)" = 0 ] || fail "a package is installed here in a root of its own, which needs root"
+# shellcheck disable=SC2086 # lists of words
+packages_install $packages_package
+build_preset release --target ox.vvlan.dp vvlanctl vvlan_man_pages
+mkdir -p "$work"
+rm -f "$work"/vvlan_*.deb
+make_package 0.1.0
+make_package 0.1.1
+lintian --fail-on error,warning --suppress-tags-from-file packaging/debian/lintian \
+    "$work/vvlan_0.1.0_amd64.deb" || fail "lintian is not content"
+check_units
+make_base
+trap 'rm -rf "$root"' EXIT
+make_root
+in_plain_root || fail "the package does not work in a plain root"
+in_booted_root || fail "the package does not work where systemd runs"

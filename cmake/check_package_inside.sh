@@ -1,0 +1,136 @@
+#!/bin/bash
+# An administrator's day with the package, in the root that check_package.sh made:
+# `plain`, where nothing but a shell runs, or `booted`, where systemd does.
+set -Eeuo pipefail
+trap 'echo "line $LINENO: $BASH_COMMAND failed"' ERR
+export DEBIAN_FRONTEND=noninteractive
+
+say() {
+    printf -- '-- %s: %s (%d s)\n' "$way" "$1" "$SECONDS"
+}
+
+# until_true SECONDS COMMAND...
+until_true() {
+    local end=$((SECONDS + $1))
+    shift
+    until "$@" >/dev/null 2>&1; do
+        [ "$SECONDS" -lt "$end" ] || { echo "waited in vain for: $*" && return 1; }
+        sleep 0.1
+    done
+}
+
+install_version() {
+    apt-get install -qy "/opt/vvlan_$1_amd64.deb" >/tmp/apt.log 2>&1 || {
+        cat /tmp/apt.log
+        return 1
+    }
+}
+
+is_joined() {
+    vvlanctl show ports -j | grep -q '"joined": *true'
+}
+
+# Of the phone's life only that it joins: the rest is tested elsewhere.
+join_a_port() {
+    vvlanctl oui add 00:11:22/24
+    vvlanctl set vlan 100 switch on
+    vvlanctl port auto 3
+    until_true 10 sh -c "vvlanctl show ports -j | grep -q '\"trapped\": *true'"
+    vvlanctl notice 3
+    until_true 10 is_joined
+}
+
+is_purged() {
+    local left
+    left=$(find /etc /usr /var/lib /run /lib -xdev \( -name '*vvlan*' -o -path '*/vvlan/*' \) \
+        ! -path '/var/lib/dpkg/*' ! -path '/run/systemd/*')
+    [ -z "$left" ] || { printf 'left behind:\n%s\n' "$left" && return 1; }
+}
+
+purge() {
+    apt-get purge -qy vvlan >/tmp/apt.log 2>&1 || { cat /tmp/apt.log && return 1; }
+    is_purged
+    say "purged, and nothing is left"
+}
+
+plain() {
+    apt-get update -q >/dev/null
+    install_version 0.1.0
+    say "installed"
+    echo "3 259 ge3" >/etc/vvlan/ports
+    runuser -u vvlan-mom -g vvlan -- redis-server /etc/vvlan/mom.conf >/tmp/mom.log 2>&1 &
+    local mom=$!
+    until_true 10 test -S /run/vvlan/mom.sock
+    runuser -u vvlan -- /usr/libexec/vvlan/vvlan-supervise /usr/sbin/ox.vvlan.dp \
+        >/tmp/daemon.log 2>&1 &
+    local daemon=$!
+    until_true 10 vvlanctl shell show-zlog-level
+    join_a_port
+    say "a port joins, under the supervisor"
+    kill -KILL "$(tr -d '\0' </run/ox.vvlan.dp.pid)"
+    until_true 10 vvlanctl shell show-zlog-level
+    is_joined
+    say "killed, started again, and the port is still joined"
+    kill "$daemon" && wait "$daemon" || true
+    kill "$mom" && wait "$mom" || true
+    purge
+}
+
+main_pid() {
+    systemctl show -P MainPID vvlan
+}
+
+# The service is ready and has another process than the one given.
+is_other_process() {
+    [ "$(main_pid)" != "$1" ] && systemctl is-active -q vvlan
+}
+
+booted() {
+    install_version 0.1.0
+    until_true 30 systemctl is-active vvlan vvlan-mom
+    say "installed, and ready"
+    : >/etc/vvlan/ports
+    systemctl restart vvlan
+    echo "3 259 ge3" >/etc/vvlan/ports
+    systemctl reload vvlan
+    join_a_port
+    say "a port joins"
+    local before
+    before=$(main_pid)
+    kill -KILL "$before"
+    until_true 30 is_other_process "$before"
+    is_joined
+    say "killed, started again, and the port is still joined"
+
+    mkdir -p /run/systemd/system/vvlan.service.d
+    printf '[Service]\nWatchdogSec=2\n' >/run/systemd/system/vvlan.service.d/watchdog.conf
+    echo 5 >/etc/vvlan/udp_vvlan_debug
+    echo "VVLAN_SHELL=/run/vvlan/other.sock" >>/etc/default/vvlan
+    systemctl daemon-reload
+    before=$(main_pid)
+    install_version 0.1.1
+    until_true 30 is_other_process "$before"
+    grep -q other.sock /etc/default/vvlan
+    is_joined
+    vvlanctl --shell /run/vvlan/other.sock shell show-zlog-level | tee /tmp/level
+    grep -qi debug /tmp/level
+    say "upgraded: its configuration is kept, the port joined"
+
+    before=$(main_pid)
+    kill -STOP "$before"
+    until_true 30 is_other_process "$before"
+    is_joined
+    say "a daemon that hangs is replaced"
+
+    echo "VVLAN_MOM=nowhere" >>/etc/default/vvlan
+    systemctl restart vvlan && return 1
+    [ "$(systemctl show -P ExecMainStatus vvlan)" = 239 ]
+    systemctl is-failed -q vvlan
+    journalctl -q -u vvlan | grep "VVLAN_MOM=nowhere"
+    rm -r /run/systemd/system/vvlan.service.d
+    say "what is refused is said, and not tried again"
+    purge
+}
+
+way=$1
+"$way"

@@ -29,7 +29,6 @@ constexpr char LOG_CATEGORY[] = "vvlan";
 
 constexpr size_t PATH_SIZE = 256;
 constexpr size_t DEBUG_TEXT_SIZE = 20; /* bytes read from the debug-level file */
-constexpr int EXIT_OTHER_INSTANCE = 77;
 
 bool lock_pid_file(void);
 void register_restart(void);
@@ -165,7 +164,7 @@ int udp_vvlan_mom_reconnect_callback(kt_global *global, uint32_t mom_id, int typ
 {
     UDP_VVLAN_LOG_WARN("<mom> mom(%d) reconnected, type = %d.", mom_id, type);
     if (type != KT_MOM_RECONNECT_SAME)
-        std::exit(EXIT_OTHER_INSTANCE);
+        std::exit(UDP_VVLAN_EXIT_OTHER_INSTANCE);
     const int rv = udp_vvlan_mom_connect_callback(global, &mom_id);
     if (rv != 0)
         UDP_VVLAN_LOG_ERROR("Assert:<mom> deal with mom(%d) reconnected failed, rv = %d.", mom_id,

@@ -143,9 +143,10 @@ int udp_vvlan_mom_disconnect_callback(kt_global *global, uint32_t mom_id);
 
 /*
  * The connection is back. type: kt_mom_reconnect; with any other database
- * instance than before the process exits with status 77. Returns what the
- * connect callback returned.
+ * instance than before the process exits with UDP_VVLAN_EXIT_OTHER_INSTANCE.
+ * Returns what the connect callback returned.
  */
+enum { UDP_VVLAN_EXIT_OTHER_INSTANCE = 77 };
 int udp_vvlan_mom_reconnect_callback(kt_global *global, uint32_t mom_id, int type);
 
 #endif

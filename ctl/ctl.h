@@ -20,11 +20,17 @@
 #include <functional>
 #include <memory>
 #include <ostream>
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "platform/kt_global.h"
+
+namespace CLI
+{
+class App;
+}
 
 namespace ctl
 {
@@ -106,6 +112,16 @@ inline constexpr const char *SHELL_VARIABLE = "VVLAN_SHELL";
  * variables above when the options are given. Returns an Exit.
  */
 int ctl_main(int count, const char *const *arguments, Host &host);
+
+/* What each exit status means: "done". */
+struct ExitMeaning {
+    Exit status;
+    const char *meaning;
+};
+std::span<const ExitMeaning> ctl_exits();
+
+/* Hands the command line, as CLI11 describes it, to whoever documents it. */
+void ctl_visit(const std::function<void(const CLI::App &app)> &visit);
 
 } // namespace ctl
 

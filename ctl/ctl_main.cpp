@@ -35,16 +35,25 @@ struct Said {
     WatchOptions watch;
 };
 
-constexpr const char *FOOTER =
-    "Exit status: 0 done, 1 refused, 2 usage, 3 the database or the daemon cannot be reached.\n\n"
-    "Examples:\n"
-    "  vvlanctl set vlan 100 switch on aging 30\n"
-    "  vvlanctl oui add 00:11:22/24\n"
-    "  vvlanctl port auto 1-48,50\n"
-    "  vvlanctl show\n"
-    "  vvlanctl watch\n"
-    "  vvlanctl --mom tcp:10.0.0.1:6379 show ports -j\n";
+constexpr const char *SUMMARY =
+    "Configures and shows the Voice VLAN of a switch, and plays the bridge.";
 
+constexpr ExitMeaning EXITS[] = {
+    {DONE, "done"},
+    {REFUSED, "refused"},
+    {USAGE, "usage"},
+    {NO_REACH, "the database or the daemon cannot be reached"},
+};
+
+constexpr const char *EXAMPLES = "Examples:\n"
+                                 "  vvlanctl set vlan 100 switch on aging 30\n"
+                                 "  vvlanctl oui add 00:11:22/24\n"
+                                 "  vvlanctl port auto 1-48,50\n"
+                                 "  vvlanctl show\n"
+                                 "  vvlanctl watch\n"
+                                 "  vvlanctl --mom tcp:10.0.0.1:6379 show ports -j\n";
+
+void add_everything(CLI::App &app, Said &said);
 void add_settings(CLI::App &app, Said &said);
 void add_ouis(CLI::App &app, Said &said);
 void add_ports(CLI::App &app, Said &said);
@@ -61,22 +70,8 @@ int fail(std::ostream &err, Exit status, std::string text);
 int ctl_main(int count, const char *const *arguments, Host &host)
 {
     Said said;
-    CLI::App app("Configures and shows the Voice VLAN of a switch, and plays the bridge.",
-                 "vvlanctl");
-    app.fallthrough();
-    app.require_subcommand(1);
-    app.footer(FOOTER);
-    app.set_version_flag("--version", "vvlanctl 0.1.0");
-    app.add_flag("-j,--json", said.json, "Print JSON for programs");
-    app.add_option("--mom", said.mom,
-                   "The database: unix:PATH, tcp:HOST:PORT, tls:HOST:PORT or "
-                   "sentinel:HOST:PORT/NAME; else $VVLAN_MOM")
-        ->type_name("SERVER");
-    app.add_option("--shell", said.shell_path, "The debug shell's socket; else $VVLAN_SHELL")
-        ->type_name("PATH");
-    for (const auto add : {add_settings, add_ouis, add_ports, add_show, add_watch, add_bridge,
-                           add_objects, add_shell})
-        add(app, said);
+    CLI::App app(SUMMARY, "vvlanctl");
+    add_everything(app, said);
     try {
         app.parse(count, arguments);
     } catch (const CLI::Success &success) { /* --help, --version */
@@ -91,8 +86,50 @@ int ctl_main(int count, const char *const *arguments, Host &host)
     return run(said.action, {host, said.json});
 }
 
+std::span<const ExitMeaning> ctl_exits()
+{
+    return EXITS;
+}
+
+void ctl_visit(const std::function<void(const CLI::App &app)> &visit)
+{
+    Said said;
+    CLI::App app(SUMMARY, "vvlanctl");
+    add_everything(app, said);
+    visit(app);
+}
+
 namespace
 {
+
+std::string footer()
+{
+    std::string text = "Exit status:";
+    const char *between = " ";
+    for (const ExitMeaning &exit : EXITS) {
+        text += between + std::to_string(exit.status) + " " + exit.meaning;
+        between = ", ";
+    }
+    return text + ".\n\n" + EXAMPLES;
+}
+
+void add_everything(CLI::App &app, Said &said)
+{
+    app.fallthrough();
+    app.require_subcommand(1);
+    app.footer(footer());
+    app.set_version_flag("--version", "vvlanctl 0.1.0");
+    app.add_flag("-j,--json", said.json, "Print JSON for programs");
+    app.add_option("--mom", said.mom,
+                   "The database: unix:PATH, tcp:HOST:PORT, tls:HOST:PORT or "
+                   "sentinel:HOST:PORT/NAME; else $VVLAN_MOM")
+        ->type_name("SERVER");
+    app.add_option("--shell", said.shell_path, "The debug shell's socket; else $VVLAN_SHELL")
+        ->type_name("PATH");
+    for (const auto add : {add_settings, add_ouis, add_ports, add_show, add_watch, add_bridge,
+                           add_objects, add_shell})
+        add(app, said);
+}
 
 int run(const Action &action, const Context &context)
 {

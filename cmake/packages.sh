@@ -9,7 +9,7 @@ packages_live="$packages_run redis-server"
 packages_test="$packages_live libgtest-dev libgmock-dev git openssl python3"
 packages_coverage="$packages_test gcovr"
 packages_bench="$packages_live libbenchmark-dev gnuplot-nox python3"
-packages_check="$packages_test clang clang-format clang-tidy"
+packages_check="$packages_test clang clang-format clang-tidy groff man-db mandoc bsdextrautils"
 
 # Prints those of the named packages that are not installed.
 packages_missing() {

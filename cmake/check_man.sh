@@ -82,5 +82,8 @@ render vvlan-objects.5
 check kind < <(kinds)
 check field < <(fields)
 
+page=docs/operations.md text=$(<docs/operations.md)
+check variable < <(variables)
+
 [ "$failures" = 0 ] || exit 1
 echo "3 manual pages: nothing against them"

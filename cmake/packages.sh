@@ -6,10 +6,11 @@ packages_run="g++ cmake ninja-build pkg-config protobuf-c-compiler libprotobuf-c
               libhiredis-dev libssl-dev libsystemd-dev libcli11-dev nlohmann-json3-dev
               libedit-dev"
 packages_live="$packages_run redis-server"
-packages_test="$packages_live libgtest-dev libgmock-dev git openssl python3"
+packages_test="$packages_live libgtest-dev libgmock-dev git openssl python3 zsh"
 packages_coverage="$packages_test gcovr"
 packages_bench="$packages_live libbenchmark-dev gnuplot-nox python3"
 packages_check="$packages_test clang clang-format clang-tidy groff man-db mandoc bsdextrautils"
+packages_package="$packages_run debootstrap lintian systemd systemd-container"
 
 # Prints those of the named packages that are not installed.
 packages_missing() {

@@ -21,13 +21,15 @@
 namespace
 {
 
-constexpr bench::Sync FULL_SYNCS[] = {{"manual", {4096, 127, 65536}, 0, 7},
+constexpr bench::Sync FULL_SYNCS[] = {{"empty", {1, 1, 0}, 0, 7},
+                                      {"manual", {4096, 127, 65536}, 0, 7},
                                       {"office", {48, 127, 1008}, 48, 7},
                                       {"eighth", {512, 127, 8192}, 512, 3},
                                       {"automatic", {4096, 127, 65536}, 4096, 1}};
 constexpr bench::Scale FULL = {{4096, 127, 65536}, 200'000, 7, 1000, 60, FULL_SYNCS};
 
-constexpr bench::Sync SHORT_SYNCS[] = {{"manual", {256, 127, 4096}, 0, 1},
+constexpr bench::Sync SHORT_SYNCS[] = {{"empty", {1, 1, 0}, 0, 1},
+                                       {"manual", {256, 127, 4096}, 0, 1},
                                        {"office", {48, 127, 1008}, 48, 1},
                                        {"automatic", {64, 127, 4096}, 64, 1}};
 constexpr bench::Scale SHORT = {{256, 127, 4096}, 20'000, 1, 80, 10, SHORT_SYNCS};
@@ -95,13 +97,15 @@ void run(const Options &options)
     bench::Results results;
     bench::Server server(paths);
     bench::Writer writer(paths.mom_socket());
-    const bench::Bench all = {paths, options.is_short ? SHORT : FULL, server, writer, results};
+    const bench::Bench all = {paths,   options.is_short ? SHORT : FULL,
+                              server,  writer,
+                              results, [&] { write_results(results, options.names[2]); }};
     for (const Case &each : CASES) {
         if (!options.only.empty() && options.only != each.name)
             continue;
         const double start = bench::now();
         each.measure(all);
-        write_results(results, options.names[2]);
+        all.save();
         std::fprintf(stderr, "%s: %.1f s\n", each.name, bench::now() - start);
     }
 }

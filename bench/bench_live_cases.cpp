@@ -18,6 +18,7 @@ constexpr double PATIENCE = 60;
 constexpr double LONG_PATIENCE = 3600;
 constexpr double OTHER_EVENTS = 10'000; /* a second, beside the latency */
 constexpr uint32_t BURST_MAX = 60'000;  /* fewer changes than wait for a subscription at most */
+constexpr int LOOKS_AGAIN = 3;          /* after a pause that was taken for the end */
 constexpr long SCANS_TIMED = 32;        /* for the cost of one */
 
 /* What vvlan_bench_bare said at its end. */
@@ -66,7 +67,7 @@ void notices_to_daemon(const Bench &bench, const std::string &name, const Notice
     const double end = now();
     const double use = daemon->processor_time() - used;
     expect(daemon->macs() == notices.size.macs + 1, "the daemon has lost notices");
-    auto &figures = bench.results[name];
+    Figures &figures = bench.results[name];
     figures["daemon"].push_back(notices.count / (end - start));
     figures["daemon_cpu"].push_back(use / notices.count);
 }
@@ -80,7 +81,7 @@ void notices_to_bare(const Bench &bench, const std::string &name, const Notices 
     const double start = now();
     send();
     const Bare result = bare_result(bare);
-    auto &figures = bench.results[name];
+    Figures &figures = bench.results[name];
     figures["bare"].push_back(notices.count / (result.ended - start));
     figures["bare_cpu"].push_back(result.processor_time / notices.count);
 }
@@ -124,37 +125,47 @@ double bare_scan(const Bench &bench, long times)
 }
 
 /* From `start`, when the daemon was started or the one before it was killed. */
-void note_sync(Daemon &daemon, double start, std::map<std::string, std::vector<double>> &figures)
+void note_sync(Daemon &daemon, double start, uint32_t macs, Figures &figures)
 {
     const double ready = daemon.wait_ready(LONG_PATIENCE);
+    double settled = daemon.wait_settled(LONG_PATIENCE);
+    size_t held = daemon.macs();
+    for (int more = 0; held != macs && more < LOOKS_AGAIN; more++) {
+        settled = daemon.wait_settled(LONG_PATIENCE);
+        held = daemon.macs();
+    }
+    expect(held == macs, "the daemon has synchronised " + std::to_string(held) + " MACs of " +
+                             std::to_string(macs));
     figures["ready"].push_back(ready - start);
-    figures["settled"].push_back(std::max(ready, daemon.wait_settled(LONG_PATIENCE)) - start);
+    figures["settled"].push_back(std::max(ready, settled) - start);
+}
+
+/* What a bare client takes for everything once, and with as many more scans as `automatic`. */
+void note_bare(const Bench &bench, uint32_t automatic, Figures &figures)
+{
+    const double once = bare_scan(bench, 1);
+    const double more = bare_scan(bench, 1 + SCANS_TIMED);
+    figures["bare"].push_back(once);
+    figures["bare_required"].push_back(once + (more - once) / SCANS_TIMED * automatic);
 }
 
 void sync_round(const Bench &bench, const Sync &sync)
 {
-    const Size &size = sync.size;
-    auto &first = bench.results[std::string("live/sync_first/") + sync.name];
-    auto &again = bench.results[std::string("live/restart/") + sync.name];
-    const uint32_t tracked = size.macs / size.ports * sync.automatic; /* spread evenly */
-    const double bare = bare_scan(bench, 1);
-    const double bare_more = bare_scan(bench, 1 + SCANS_TIMED);
-    const double required = bare + (bare_more - bare) / SCANS_TIMED * sync.automatic;
+    const uint32_t tracked = sync.size.macs / sync.size.ports * sync.automatic; /* even */
+    Figures &first = bench.results[std::string("live/sync_first/") + sync.name];
+    note_bare(bench, sync.automatic, first);
     bench.server.clear(KT_MOM_UDP_DB);
     const double pages = bench.server.calls_of("hscan");
     std::optional<Daemon> daemon(bench.paths);
-    note_sync(*daemon, daemon->started(), first);
+    note_sync(*daemon, daemon->started(), tracked, first);
     first["pages"].push_back(bench.server.calls_of("hscan") - pages);
-    expect(daemon->macs() == tracked, "the daemon has not synchronised");
+    bench.save();
+    Figures &again = bench.results[std::string("live/restart/") + sync.name];
+    note_bare(bench, sync.automatic, again);
     const double killed = now();
     daemon.reset();
     daemon.emplace(bench.paths);
-    note_sync(*daemon, killed, again);
-    expect(daemon->macs() == tracked, "the daemon has not synchronised again");
-    for (auto *figures : {&first, &again}) {
-        (*figures)["bare"].push_back(bare);
-        (*figures)["bare_required"].push_back(required);
-    }
+    note_sync(*daemon, killed, tracked, again);
 }
 
 void synchronise(const Bench &bench, const Sync &sync)
@@ -165,13 +176,14 @@ void synchronise(const Bench &bench, const Sync &sync)
     bench.writer.configure(size, sync.automatic);
     bench.writer.notify(size, 0, size.macs);
     bench.writer.settle();
-    for (uint32_t round = 0; round < sync.rounds; round++)
-        sync_round(bench, sync);
     for (const char *set : {"live/sync_first/", "live/restart/"}) {
-        auto &figures = bench.results[std::string(set) + sync.name];
+        Figures &figures = bench.results[std::string(set) + sync.name];
         figures["size"] = {static_cast<double>(size.ports), static_cast<double>(sync.automatic),
                            static_cast<double>(size.ouis), static_cast<double>(size.macs)};
     }
+    for (uint32_t round = 0; round < sync.rounds; round++)
+        sync_round(bench, sync);
+    bench.save();
 }
 
 } // namespace
@@ -281,7 +293,7 @@ void feed_forever(const std::string &socket, const Size &size, double rate)
 void case_memory_and_idle(const Bench &bench)
 {
     const Size &size = bench.scale.size;
-    auto &figures = bench.results["live/memory"];
+    Figures &figures = bench.results["live/memory"];
     write_ports(bench.paths, size.ports);
     bench.server.clear();
     bench.writer.configure({0, size.ouis, 0}, 0);

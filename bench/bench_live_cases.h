@@ -10,6 +10,7 @@
 #define BENCH_BENCH_LIVE_CASES_H
 
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <span>
 #include <string>
@@ -22,8 +23,10 @@
 namespace bench
 {
 
-/* By name of the case, then of the figure: all values, in the order of the rounds. */
-using Results = std::map<std::string, std::map<std::string, std::vector<double>>>;
+/* By name of the figure: all values, in the order of the rounds. */
+using Figures = std::map<std::string, std::vector<double>>;
+/* By name of what was measured. */
+using Results = std::map<std::string, Figures>;
 
 /* A synchronisation that is measured. Each port in automatic mode costs a scan of all MACs. */
 struct Sync {
@@ -48,6 +51,7 @@ struct Bench {
     Server &server;
     Writer &writer;
     Results &results;
+    std::function<void()> save; /* the results as far as they are */
 };
 
 /* MAC notices a second, written as they are by a bridge and published only. */

@@ -27,7 +27,7 @@ namespace bench
 namespace
 {
 
-constexpr double STILL = 0.3; /* without processor time: nothing is left to do */
+constexpr double STILL = 0.5; /* without processor time: nothing is left to do */
 constexpr double LOOK_EVERY = 0.001;
 constexpr double ANSWER_PATIENCE = 30;
 

@@ -100,8 +100,8 @@ public:
     /* When it told the restart manager that it has synchronised. */
     double wait_ready(double patience);
     /*
-     * When it last did something before it took no processor time for a third of
-     * a second, so that nothing is left to do.
+     * When it last did something before it took no processor time for half a
+     * second, so that nothing is left to do.
      */
     double wait_settled(double patience);
     /* What a command of the debug shell prints. */

@@ -24,7 +24,8 @@ namespace
 {
 
 constexpr size_t READ_CHUNK = 16'384;
-constexpr int READS_A_TURN = 64;
+constexpr int READS_A_TURN = 4;
+constexpr size_t FED_AT_ONCE = 1'024; /* the reader moves what is left of it, again and again */
 
 constexpr size_t ENCRYPTED_AT_ONCE = 262'144;
 
@@ -33,16 +34,6 @@ int connect_tcp(Address &address, unsigned *alternatives, std::string *why);
 void append_number(std::string &out, char mark, size_t number);
 
 } // namespace
-
-std::string_view text_of(const redisReply &reply)
-{
-    return reply.str == nullptr ? std::string_view() : std::string_view(reply.str, reply.len);
-}
-
-bool is_error(const redisReply &reply)
-{
-    return reply.type == REDIS_REPLY_ERROR;
-}
 
 void format(std::string &out, Arguments arguments)
 {
@@ -70,7 +61,7 @@ void Link::open(const Address &address)
     const auto on_event = [](evutil_socket_t, short what, void *self) {
         static_cast<Link *>(self)->on_ready((what & EV_READ) != 0, (what & EV_WRITE) != 0);
     };
-    m_reader = redisReaderCreate();
+    m_reader = reply_reader();
     m_address = address;
     const bool is_begun = connect();
     m_read = event_new(linux_loop_base(), m_fd, EV_READ | EV_PERSIST, on_event, this);
@@ -272,10 +263,8 @@ void Link::read_some()
 /* False when the link has ended. */
 bool Link::take_bytes(std::string_view bytes)
 {
-    if (m_tls == nullptr) {
-        redisReaderFeed(m_reader, bytes.data(), bytes.size());
-        return take_replies();
-    }
+    if (m_tls == nullptr)
+        return take_replies(bytes);
     m_tls->receive(bytes);
     return decrypt();
 }
@@ -286,8 +275,7 @@ bool Link::decrypt()
     std::array<char, READ_CHUNK> text;
     ssize_t got = 0;
     while ((got = m_tls->read(text)) > 0) {
-        redisReaderFeed(m_reader, text.data(), static_cast<size_t>(got));
-        if (!take_replies())
+        if (!take_replies({text.data(), static_cast<size_t>(got)}))
             return false;
     }
     m_records.bytes += m_tls->take_records();
@@ -301,7 +289,19 @@ bool Link::decrypt()
 }
 
 /* Hands on every reply that is complete; false when the link has ended. */
-bool Link::take_replies()
+bool Link::take_replies(std::string_view bytes)
+{
+    while (!bytes.empty()) {
+        const std::string_view some = bytes.substr(0, FED_AT_ONCE);
+        redisReaderFeed(m_reader, some.data(), some.size());
+        if (!hand_on_replies())
+            return false;
+        bytes.remove_prefix(some.size());
+    }
+    return true;
+}
+
+bool Link::hand_on_replies()
 {
     const uint64_t opening = m_opening;
     while (true) {

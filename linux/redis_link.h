@@ -18,18 +18,19 @@
  * With TLS (linux/redis_tls.h) what is sent and received passes through a
  * session in memory; all else stays as it is.
  *
- * At most 1 MiB is read a turn. How much may wait to be sent is for the owner to
- * limit, who can refuse a request: see unsent() and LINK_UNSENT_MAX.
+ * At most 64 KiB is read a turn, so that what is received is handled while it is
+ * fresh, and a flood waits in the server. How much may wait to be sent is for the
+ * owner to limit, who can refuse a request: see unsent() and LINK_UNSENT_MAX.
  */
 #ifndef LINUX_REDIS_LINK_H
 #define LINUX_REDIS_LINK_H
 
+#include "linux/redis_reply.h"
 #include "linux/redis_tls.h"
 
 #include <cstddef>
 #include <cstdint>
 #include <functional>
-#include <hiredis/hiredis.h>
 #include <memory>
 #include <optional>
 #include <span>
@@ -43,14 +44,6 @@ namespace redis
 
 constexpr size_t LINK_UNSENT_MAX = 64u << 20;
 
-struct FreeReply {
-    void operator()(redisReply *reply) const
-    {
-        freeReplyObject(reply);
-    }
-};
-
-using Reply = std::unique_ptr<redisReply, FreeReply>;
 using Arguments = std::span<const std::string_view>;
 
 /*
@@ -65,9 +58,6 @@ struct Address {
     std::optional<TlsFiles> tls = {}; /* the server speaks TLS */
     std::string number = {};          /* the host's, once it was looked up */
 };
-
-std::string_view text_of(const redisReply &reply);
-bool is_error(const redisReply &reply);
 
 /* Appends the request's bytes to `out`. */
 void format(std::string &out, Arguments arguments);
@@ -121,7 +111,8 @@ private:
     void read_some();
     bool take_bytes(std::string_view bytes);
     bool decrypt();
-    bool take_replies();
+    bool take_replies(std::string_view bytes);
+    bool hand_on_replies();
     void write_some();
     void encrypt();
     int send_some(Outgoing &bytes);

@@ -160,10 +160,7 @@ Handler section_handler(Connection &c, kt_mom_callback callback, void *user)
         if (!redis::is_error(*reply))
             return;
         enqueue_notice(c, [&c, receiver] {
-            Change change;
-            change.scan_state = KT_MOM_SECTION_NOTE;
-            change.error = -ENOSPC;
-            call(c, receiver, change);
+            call(c, receiver, {KT_MOM_NONE, nullptr, KT_MOM_SECTION_NOTE, -ENOSPC});
         });
     };
 }
@@ -358,8 +355,10 @@ ProtobufCMessage *kt_mom_get_sync(kt_global *global, uint32_t db, const Protobuf
                 ask(c, std::array<std::string_view, 3>{"HGET", name_of(at), at.key}, &reply);
             if (failed != 0 || reply->type != REDIS_REPLY_STRING)
                 return failed;
-            if (const ChangePtr change = change_of(c, at.kind, at.key, redis::text_of(*reply)))
-                found = object::copy(*change->object).release();
+            redis::Unpacked memory;
+            const Change stored = change_of(at.kind, at.key, redis::text_of(*reply));
+            if (const ProtobufCMessage *object = object_of(c, stored, memory))
+                found = object::copy(*object).release();
             return 0;
         },
         Needs::sync_connection);

@@ -17,10 +17,14 @@
  * or followed by one that is. So a callback's last word on an object is always
  * the latest.
  *
- * A subscription knows which keys its owner has been told of. When the link is
- * lost they all may have gone; those that the next scan does not show are told as
- * deletions, with their key only. Deletions that arrive but cannot be delivered
- * (queue full, subscription not in place yet) are kept whole.
+ * A subscription keeps what its owner has been told of (linux/linux_mom_known.h).
+ * When the link is lost all of it may have gone; what the next scan does not show is
+ * told as deleted, each object as its owner last was told of it. Deletions that
+ * arrive but cannot be delivered (queue full, subscription not in place yet) are
+ * told in that way too.
+ *
+ * Changes wait as they were published and are unpacked when they are delivered. A
+ * turn of the loop delivers for about five milliseconds.
  *
  * A lost link, a refused write (memory full), an answer that does not come within
  * three seconds, a server that lost its scripts: all end the connection, both
@@ -34,9 +38,10 @@
  * Limits, each per context and database: 262,144 requests without an answer, and
  * 64 MiB of them unsent (-ENOBUFS beyond); 4,096 subscriptions and 65,536 scans
  * (-ENOSPC); 65,536 changes waiting for one subscription (then scan state 4);
- * 1,048,576 keys known to one subscription, beyond which a deletion made while
- * disconnected may go untold. A watcher that falls behind loses changes; they are
- * counted. A kind is scanned a thousand objects at a time, in no order.
+ * 1,048,576 objects known to one subscription and 128 MiB of them, beyond which a
+ * deletion made while disconnected may go untold. A watcher that falls behind loses
+ * changes; they are counted. A kind is scanned a thousand objects at a time, in no
+ * order.
  */
 #ifndef LINUX_LINUX_MOM_H
 #define LINUX_LINUX_MOM_H

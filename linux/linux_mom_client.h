@@ -6,6 +6,7 @@
  * linux_mom_delivery.cpp  subscriptions, and the queue through which every
  *                         callback is made
  * linux_mom_scan.cpp      scans
+ * linux_mom_known.h       what the owner of a subscription knows
  *
  * Nothing here calls the program but deliver(), from the loop, and
  * scan_now(). Either may find its connection ended afterwards (`has_ended`), since
@@ -18,15 +19,16 @@
 #define LINUX_LINUX_MOM_CLIENT_H
 
 #include "linux/linux_mom.h"
+#include "linux/linux_mom_known.h"
 #include "linux/redis_link.h"
 #include "linux/redis_script.h"
+#include "linux/redis_value.h"
 #include "object/object.h"
 
 #include <array>
 #include <deque>
 #include <functional>
 #include <initializer_list>
-#include <map>
 #include <memory>
 #include <string>
 #include <unordered_set>
@@ -64,17 +66,15 @@ struct Selector {
     bool operator==(const Selector &) const = default;
 };
 
+/*
+ * What happened to an object, the object still packed: it is unpacked only when it is
+ * delivered. Views into what was received.
+ */
 struct Change {
     uint32_t operation = KT_MOM_NONE;
-    uint32_t scan_state = KT_MOM_CHANGE;
-    int32_t error = 0;
     size_t kind = 0;
-    std::string key = {};
-    object::Message object = {};
-    std::vector<uint32_t> fields = {}; /* of a hash set */
+    std::string_view key, fields, message; /* as in redis_value.h */
 };
-
-using ChangePtr = std::shared_ptr<const Change>;
 
 struct Receiver {
     kt_global *global = nullptr;
@@ -98,9 +98,8 @@ struct Subscription {
     Standing standing = Standing::STARTING;
     size_t queued = 0; /* changes in the queue */
     bool is_overrun = false;
-    uint64_t told_at = NEVER;              /* the last scan requested before it was told to scan */
-    std::unordered_set<std::string> known; /* keys that its owner has been told of */
-    std::map<std::string, ChangePtr> missed; /* may have gone; null: only the key is known */
+    uint64_t told_at = NEVER; /* the last scan requested before it was told to scan */
+    Known known;
 };
 
 using SubscriptionPtr = std::shared_ptr<Subscription>;
@@ -117,15 +116,18 @@ struct Scan {
     std::string cursor = "0";
     bool is_awaited = false; /* a page is on its way */
     bool is_last = false;
-    std::deque<ChangePtr> page = {};
+    redis::Reply page = {};
+    size_t at = 0; /* the next one of its elements */
 };
 
-/* A message for a subscription, or something else that must happen at this place. */
+/* A change or a message without an object for a subscription, or something else. */
 struct Item {
-    SubscriptionPtr subscription;
-    ChangePtr change;
-    bool is_counted = false; /* towards the queue limit */
-    std::function<void()> notice = {};
+    SubscriptionPtr subscription = {};
+    uint32_t operation = KT_MOM_NONE;
+    uint32_t scan_state = KT_MOM_CHANGE;
+    size_t kind = 0;
+    std::string note = {};           /* the change as it was published; counts towards the limit */
+    std::function<bool()> step = {}; /* false: is to be called again, before all else */
 };
 
 using Handler = std::function<void(redis::Reply)>;
@@ -188,6 +190,7 @@ struct Connection : std::enable_shared_from_this<Connection> {
     std::deque<Item> queue;
     event *deliver_event = nullptr;
     bool is_armed = false;
+    bool is_delivering = false;
     std::deque<Scan> scans; /* the first is running */
     uint64_t scan_count = 0;
     std::vector<Channel> channels; /* by kind */
@@ -247,11 +250,14 @@ void clock_ahead(int64_t millis);
 /* --- Deliveries */
 
 void arm(Connection &c);
-void enqueue(Connection &c, const SubscriptionPtr &subscription, ChangePtr change, bool is_counted);
 void enqueue_notice(Connection &c, std::function<void()> notice);
 void deliver(Connection &c);
+/* The object of a change; nullptr, and reported, if there is none. */
+const ProtobufCMessage *object_of(Connection &c, const Change &change, redis::Unpacked &memory);
 /* Calls the program, unless its context is finished. */
-void call(Connection &c, const Receiver &receiver, const Change &change);
+void call(Connection &c, const Receiver &receiver, const kt_mom_msg &msg);
+void call_with(Connection &c, const Receiver &receiver, const Change &change,
+               const ProtobufCMessage *object);
 
 int subscribe(Connection &c, const Receiver &receiver, Selector selector, uint32_t tag);
 int watch(Connection &c, const Receiver &receiver);
@@ -276,10 +282,10 @@ void report_foreign(Connection &c, size_t kind, std::string_view key);
 
 int scan(Connection &c, const Receiver &receiver, Selector selector);
 int scan_now(Connection &c, const Receiver &receiver, const Selector &selector);
-/* The running scan's page has been delivered. */
-void scan_go_on(Connection &c);
-/* The stored object, or nullptr if it is none. */
-ChangePtr change_of(Connection &c, size_t kind, std::string_view key, std::string_view stored);
+/* The next object of the running scan's page, or what follows the page. */
+void scan_deliver(Connection &c);
+/* A stored object, as a change. */
+Change change_of(size_t kind, std::string_view key, std::string_view stored);
 
 } // namespace mom
 

@@ -16,28 +16,32 @@ namespace
 {
 
 constexpr size_t QUEUE_LIMIT = 65'536;
-constexpr size_t KNOWN_MAX = 1'048'576;
 constexpr size_t REPORTED_MAX = 1'024;
-constexpr size_t DELIVERIES_A_TURN = 512;
+constexpr int64_t DELIVER_FOR = 5'000;    /* microseconds a turn of the loop, */
+constexpr size_t DELIVERIES_UNTIMED = 64; /* looked at the clock between so many */
 
 size_t limit = QUEUE_LIMIT;
 
 bool deliver_one(Connection &c);
-void deliver_to(Connection &c, const SubscriptionPtr &subscription, const ChangePtr &change,
-                bool is_counted);
+void run_step(Connection &c, Item item);
+void deliver_note(Connection &c, const Item &item);
+void deliver_state(Connection &c, const Item &item);
+Change change_of_note(size_t kind, const redis::Note &note);
 void uncount(Connection &c, const SubscriptionPtr &subscription);
 void note(Subscription &subscription, const Change &change);
-void tell(Connection &c, const SubscriptionPtr &subscription, const ChangePtr &change);
-ChangePtr control(uint32_t operation, uint32_t scan_state);
+void tell(Connection &c, const SubscriptionPtr &subscription, const Change &change,
+          std::string_view text);
+void enqueue(Connection &c, Item item);
+void enqueue_start(Connection &c, const SubscriptionPtr &subscription);
+bool tell_next_missed(Connection &c, Subscription &subscription, const Selector &selector,
+                      Known::Place *place);
 void start(Connection &c, const SubscriptionPtr &subscription);
 void join(Connection &c, size_t kind);
 void leave(Connection &c, size_t kind);
 void replace(Connection &c, Subscription &old, Subscription &by);
+void doubt(const Item &item);
 void bid_farewell(Connection &c, const SubscriptionPtr &subscription);
-void forget_what_is_known(Subscription &subscription);
 template <typename Visit> void each_subscription(Connection &c, const Visit &visit);
-ChangePtr change_of_note(Connection &c, size_t kind, const redis::Note &note);
-ChangePtr deletion_of(Connection &c, size_t kind, const std::string &key);
 
 } // namespace
 
@@ -81,47 +85,69 @@ void arm(Connection &c)
         return;
     c.is_armed = true;
     const timeval now = {0, 0};
-    event_add(c.deliver_event, &now);
-}
-
-void enqueue(Connection &c, const SubscriptionPtr &subscription, ChangePtr change, bool is_counted)
-{
-    subscription->queued += is_counted;
-    c.queue.push_back({subscription, std::move(change), is_counted, {}});
-    arm(c);
+    if (c.is_delivering)
+        event_add(c.deliver_event, &now); /* in the next turn, or the sockets would starve */
+    else
+        event_active(c.deliver_event, EV_TIMEOUT, 0);
 }
 
 void enqueue_notice(Connection &c, std::function<void()> notice)
 {
-    c.queue.push_back({nullptr, nullptr, false, std::move(notice)});
-    arm(c);
+    enqueue(c, {.step = [notice = std::move(notice)] {
+                notice();
+                return true;
+            }});
 }
 
+/* Until nothing is left or time is up for the others in the loop. */
 void deliver(Connection &c)
 {
     const auto keep = c.shared_from_this();
-    for (size_t i = 0; i < DELIVERIES_A_TURN && !c.has_ended; i++) {
-        if (!deliver_one(c))
-            return;
+    const int64_t until = linux_loop_now() + DELIVER_FOR;
+    bool has_more = true;
+    c.is_delivering = true;
+    for (size_t i = 1; has_more; i++) {
+        has_more = deliver_one(c) && !c.has_ended;
+        if (i % DELIVERIES_UNTIMED == 0 && linux_loop_now() >= until)
+            break;
     }
-    arm(c);
+    if (has_more)
+        arm(c);
+    c.is_delivering = false;
 }
 
-void call(Connection &c, const Receiver &receiver, const Change &change)
+const ProtobufCMessage *object_of(Connection &c, const Change &change, redis::Unpacked &memory)
+{
+    const object::Kind &kind = *kinds()[change.kind].kind;
+    const ProtobufCMessage *object = nullptr;
+    if (change.operation != KT_MOM_NONE)
+        object = memory.unpack(kind, change.key, change.message);
+    if (object == nullptr && change.operation == KT_MOM_DEL)
+        object = memory.from_key(kind, change.key);
+    if (object == nullptr)
+        report_foreign(c, change.kind, change.key);
+    return object;
+}
+
+void call(Connection &c, const Receiver &receiver, const kt_mom_msg &msg)
 {
     if (receiver.callback == nullptr || !linux_global_is_open(receiver.global))
         return;
-    const kt_mom_hash hash = {change.object.get(),
-                              change.fields.data(),
-                              static_cast<uint32_t>(change.fields.size()),
-                              {0, 0},
-                              0};
-    const bool is_hash = change.operation == KT_MOM_HSET;
-    const kt_mom_msg msg = {change.operation,
-                            is_hash ? static_cast<const void *>(&hash) : change.object.get(),
-                            change.scan_state, change.error};
     c.counts.delivered++;
     receiver.callback(receiver.global, &msg, receiver.user);
+}
+
+void call_with(Connection &c, const Receiver &receiver, const Change &change,
+               const ProtobufCMessage *object)
+{
+    if (change.operation != KT_MOM_HSET) {
+        call(c, receiver, {change.operation, object, KT_MOM_CHANGE, 0});
+        return;
+    }
+    const std::vector<uint32_t> fields = redis::numbers_of(change.fields);
+    const kt_mom_hash hash = {
+        object, fields.data(), static_cast<uint32_t>(fields.size()), {0, 0}, 0};
+    call(c, receiver, {change.operation, &hash, KT_MOM_CHANGE, 0});
 }
 
 int subscribe(Connection &c, const Receiver &receiver, Selector selector, uint32_t tag)
@@ -200,21 +226,13 @@ void hear(Connection &c, std::string_view channel, std::string_view text)
         report_foreign(c, kind, "(a message)");
         return;
     }
-    const auto &subscriptions = c.channels[kind].subscriptions;
-    const auto selects = [&](const SubscriptionPtr &each) {
-        return each->selector.selects(told->key);
-    };
-    if (c.watchers.empty() && std::ranges::none_of(subscriptions, selects))
-        return;
-    const ChangePtr change = change_of_note(c, kind, *told);
-    if (change == nullptr)
-        return;
-    for (const SubscriptionPtr &each : subscriptions) {
-        if (selects(each))
-            tell(c, each, change);
+    const Change change = change_of_note(kind, *told);
+    for (const SubscriptionPtr &each : c.channels[kind].subscriptions) {
+        if (each->selector.selects(change.key))
+            tell(c, each, change, text);
     }
     for (const SubscriptionPtr &each : c.watchers)
-        tell(c, each, change);
+        tell(c, each, change, text);
 }
 
 void note_scanned(Connection &c, const Change &change)
@@ -230,31 +248,19 @@ void tell_missed(Connection &c, const Scan &scan)
     for (const SubscriptionPtr &each : c.channels[scan.selector.kind].subscriptions) {
         if (each->told_at == NEVER || scan.serial <= each->told_at)
             continue;
-        for (auto at = each->missed.begin(); at != each->missed.end();) {
-            if (!scan.selector.selects(at->first)) {
-                ++at;
-                continue;
-            }
-            ChangePtr change = at->second;
-            if (change == nullptr)
-                change = deletion_of(c, scan.selector.kind, at->first);
-            if (change != nullptr)
-                enqueue(c, each, std::move(change), true);
-            at = each->missed.erase(at);
-        }
+        const auto step = [&c, each, selector = scan.selector, place = Known::Place()]() mutable {
+            return !tell_next_missed(c, *each, selector, &place);
+        };
+        enqueue(c, {.step = step});
     }
 }
 
 void drop_queue(Connection &c)
 {
     for (const Item &item : std::exchange(c.queue, {})) {
-        Subscription *subscription = item.subscription.get();
-        if (subscription == nullptr || subscription->is_watcher)
-            continue;
-        if (item.change->operation == KT_MOM_UNSUBSCRIBED)
+        if (item.operation == KT_MOM_UNSUBSCRIBED)
             c.farewells.push_back(item.subscription);
-        else if (item.change->operation == KT_MOM_DEL)
-            subscription->missed.insert_or_assign(item.change->key, item.change);
+        doubt(item);
     }
     c.scans.clear();
     for (Channel &channel : c.channels) {
@@ -272,7 +278,7 @@ void drop_queue(Connection &c)
         each->queued = 0;
         each->is_overrun = false;
         each->told_at = NEVER;
-        forget_what_is_known(*each);
+        each->known.doubt_all();
     });
 }
 
@@ -289,7 +295,7 @@ void drop_subscriptions(Connection &c)
 void restart_subscriptions(Connection &c, uint64_t made_before)
 {
     for (const SubscriptionPtr &each : std::exchange(c.farewells, {}))
-        enqueue(c, each, control(KT_MOM_UNSUBSCRIBED, KT_MOM_CHANGE), false);
+        enqueue(c, {.subscription = each, .operation = KT_MOM_UNSUBSCRIBED});
     std::vector<SubscriptionPtr> again;
     each_subscription(c, [&](const SubscriptionPtr &each) {
         if (each->serial <= made_before)
@@ -324,46 +330,61 @@ bool deliver_one(Connection &c)
 {
     if (!c.scans.empty() && c.scans.front().is_awaited)
         return false; /* armed again when the page is there */
-    if (!c.scans.empty() && !c.scans.front().page.empty()) {
-        Scan &scan = c.scans.front();
-        const Receiver receiver = scan.receiver;
-        const ChangePtr change = std::move(scan.page.front());
-        scan.page.pop_front();
-        note_scanned(c, *change);
-        if (scan.page.empty())
-            scan_go_on(c);
-        call(c, receiver, *change);
+    if (!c.scans.empty() && c.scans.front().page != nullptr) {
+        scan_deliver(c);
         return true;
     }
     if (c.queue.empty())
         return false;
-    const Item item = std::move(c.queue.front());
+    Item item = std::move(c.queue.front());
     c.queue.pop_front();
-    if (item.subscription == nullptr)
-        item.notice();
+    if (item.step)
+        run_step(c, std::move(item));
+    else if (item.subscription->standing == Standing::GONE)
+        return true;
+    else if (item.note.empty())
+        deliver_state(c, item);
     else
-        deliver_to(c, item.subscription, item.change, item.is_counted);
+        deliver_note(c, item);
     return true;
 }
 
-void deliver_to(Connection &c, const SubscriptionPtr &subscription, const ChangePtr &change,
-                bool is_counted)
+void run_step(Connection &c, Item item)
 {
-    if (subscription->standing == Standing::GONE)
+    const uint64_t epoch = c.epoch;
+    if (!item.step() && c.epoch == epoch)
+        c.queue.push_front(std::move(item));
+}
+
+void deliver_note(Connection &c, const Item &item)
+{
+    uncount(c, item.subscription);
+    const Change change = change_of_note(item.kind, *redis::note_of(item.note));
+    redis::Unpacked memory;
+    const ProtobufCMessage *object = object_of(c, change, memory);
+    if (object == nullptr)
         return;
-    if (is_counted)
-        uncount(c, subscription);
-    if (change->operation == KT_MOM_RESYNC || change->scan_state == KT_MOM_SCAN_AGAIN) {
+    if (!item.subscription->is_watcher)
+        note(*item.subscription, change);
+    call_with(c, item.subscription->receiver, change, object);
+}
+
+void deliver_state(Connection &c, const Item &item)
+{
+    Subscription &subscription = *item.subscription;
+    if (item.operation == KT_MOM_RESYNC || item.scan_state == KT_MOM_SCAN_AGAIN) {
         /* A page that was already on its way may have shown what is gone since. */
-        forget_what_is_known(*subscription);
-        subscription->told_at = c.scan_count;
+        subscription.known.doubt_all();
+        subscription.told_at = c.scan_count;
     }
-    if (change->operation == KT_MOM_UNSUBSCRIBED)
-        subscription->standing = Standing::GONE;
-    if (!subscription->is_watcher)
-        note(*subscription, *change);
-    const Receiver receiver = subscription->receiver;
-    call(c, receiver, *change);
+    if (item.operation == KT_MOM_UNSUBSCRIBED)
+        subscription.standing = Standing::GONE;
+    call(c, subscription.receiver, {item.operation, nullptr, item.scan_state, 0});
+}
+
+Change change_of_note(size_t kind, const redis::Note &told)
+{
+    return {told.operation, kind, told.key, told.fields, told.message};
 }
 
 /* One change less in its queue; when that is drained it may have to ask for a scan. */
@@ -373,29 +394,26 @@ void uncount(Connection &c, const SubscriptionPtr &subscription)
         return;
     subscription->is_overrun = false;
     if (!subscription->is_watcher)
-        enqueue(c, subscription, control(KT_MOM_NONE, KT_MOM_SCAN_AGAIN), false);
+        enqueue(c, {.subscription = subscription, .scan_state = KT_MOM_SCAN_AGAIN});
 }
 
 /* What the owner knows after it has been told. */
 void note(Subscription &subscription, const Change &change)
 {
-    if (change.operation == KT_MOM_SET || change.operation == KT_MOM_HSET) {
-        if (!subscription.missed.empty())
-            subscription.missed.erase(change.key);
-        if (subscription.known.size() < KNOWN_MAX)
-            subscription.known.insert(change.key);
-    } else if (change.operation == KT_MOM_DEL) {
-        subscription.missed.erase(change.key);
+    if (change.operation == KT_MOM_SET || change.operation == KT_MOM_HSET)
+        subscription.known.put(change.key, change.message);
+    else if (change.operation == KT_MOM_DEL)
         subscription.known.erase(change.key);
-    }
 }
 
 /* A change goes to the queue, or is lost: then only deletions are remembered. */
-void tell(Connection &c, const SubscriptionPtr &subscription, const ChangePtr &change)
+void tell(Connection &c, const SubscriptionPtr &subscription, const Change &change,
+          std::string_view text)
 {
     const bool is_placed = subscription->standing != Standing::STARTING;
     if (is_placed && !subscription->is_overrun && subscription->queued < limit) {
-        enqueue(c, subscription, change, true);
+        subscription->queued++;
+        enqueue(c, {.subscription = subscription, .kind = change.kind, .note = std::string(text)});
         return;
     }
     if (is_placed) {
@@ -403,17 +421,40 @@ void tell(Connection &c, const SubscriptionPtr &subscription, const ChangePtr &c
         subscription->is_overrun = true;
         subscription->told_at = NEVER;
     }
-    if (change->operation == KT_MOM_DEL && !subscription->is_watcher &&
-        subscription->missed.size() < KNOWN_MAX)
-        subscription->missed.insert_or_assign(change->key, change);
+    if (change.operation == KT_MOM_DEL && !subscription->is_watcher)
+        subscription->known.put_doubtful(change.key, change.message);
 }
 
-ChangePtr control(uint32_t operation, uint32_t scan_state)
+void enqueue(Connection &c, Item item)
 {
-    Change change;
-    change.operation = operation;
-    change.scan_state = scan_state;
-    return std::make_shared<const Change>(std::move(change));
+    c.queue.push_back(std::move(item));
+    arm(c);
+}
+
+void enqueue_start(Connection &c, const SubscriptionPtr &subscription)
+{
+    enqueue(c, {.subscription = subscription, .operation = KT_MOM_RESYNC});
+    enqueue(c, {.subscription = subscription, .scan_state = KT_MOM_SCAN_START});
+}
+
+/* Tells of one object that a scan should have shown; false when there is none. */
+bool tell_next_missed(Connection &c, Subscription &subscription, const Selector &selector,
+                      Known::Place *place)
+{
+    if (subscription.standing == Standing::GONE)
+        return false;
+    auto missed = subscription.known.next_doubtful(place);
+    while (missed && !selector.selects(missed->key))
+        missed = subscription.known.next_doubtful(place);
+    if (!missed)
+        return false;
+    const std::string key(missed->key), message(missed->message);
+    subscription.known.erase(key);
+    const Change change = {KT_MOM_DEL, selector.kind, key, {}, message};
+    redis::Unpacked memory;
+    if (const ProtobufCMessage *object = object_of(c, change, memory))
+        call_with(c, Receiver(subscription.receiver), change, object);
+    return true;
 }
 
 /* Joins what it hears, then tells the owner once everything older has passed. */
@@ -429,10 +470,8 @@ void start(Connection &c, const SubscriptionPtr &subscription)
     fence(c, [&c, subscription] {
         if (subscription->standing == Standing::STARTING)
             subscription->standing = Standing::LIVE;
-        if (subscription->standing == Standing::LIVE && !subscription->is_watcher) {
-            enqueue(c, subscription, control(KT_MOM_RESYNC, KT_MOM_CHANGE), false);
-            enqueue(c, subscription, control(KT_MOM_NONE, KT_MOM_SCAN_START), false);
-        }
+        if (subscription->standing == Standing::LIVE && !subscription->is_watcher)
+            enqueue_start(c, subscription);
         changed(c);
     });
 }
@@ -460,31 +499,31 @@ void leave(Connection &c, size_t kind)
 /* What the old one has not been told yet and a scan would not show goes to the new one. */
 void replace(Connection &c, Subscription &old, Subscription &by)
 {
-    old.standing = Standing::GONE;
-    by.missed = std::move(old.missed);
-    by.known = std::move(old.known);
-    forget_what_is_known(by);
     for (const Item &item : c.queue) {
-        if (item.subscription.get() == &old && item.change->operation == KT_MOM_DEL)
-            by.missed.insert_or_assign(item.change->key, item.change);
+        if (item.subscription.get() == &old)
+            doubt(item);
     }
+    old.standing = Standing::GONE;
+    by.known = std::exchange(old.known, {});
+    by.known.doubt_all();
+}
+
+/* What is dropped with an item: a deletion must be told later. */
+void doubt(const Item &item)
+{
+    if (item.note.empty() || item.subscription->is_watcher)
+        return;
+    const Change change = change_of_note(item.kind, *redis::note_of(item.note));
+    if (change.operation == KT_MOM_DEL)
+        item.subscription->known.put_doubtful(change.key, change.message);
 }
 
 void bid_farewell(Connection &c, const SubscriptionPtr &subscription)
 {
     const size_t kind = subscription->selector.kind;
     std::erase(c.channels[kind].subscriptions, subscription);
-    enqueue(c, subscription, control(KT_MOM_UNSUBSCRIBED, KT_MOM_CHANGE), false);
+    enqueue(c, {.subscription = subscription, .operation = KT_MOM_UNSUBSCRIBED});
     leave(c, kind);
-}
-
-/* From here on each key that the owner knows may be gone without a word. */
-void forget_what_is_known(Subscription &subscription)
-{
-    for (const std::string &key : std::exchange(subscription.known, {})) {
-        if (subscription.missed.size() < KNOWN_MAX)
-            subscription.missed.emplace(key, nullptr);
-    }
 }
 
 template <typename Visit> void each_subscription(Connection &c, const Visit &visit)
@@ -492,38 +531,6 @@ template <typename Visit> void each_subscription(Connection &c, const Visit &vis
     for (const Channel &channel : c.channels)
         std::ranges::for_each(channel.subscriptions, visit);
     std::ranges::for_each(c.watchers, visit);
-}
-
-/* nullptr if it carries no object of the kind; a deletion needs no more than the key. */
-ChangePtr change_of_note(Connection &c, size_t kind, const redis::Note &told)
-{
-    Change change;
-    change.operation = told.operation;
-    change.kind = kind;
-    change.key = told.key;
-    change.fields = redis::numbers_of(told.fields);
-    change.object = redis::unpack(*kinds()[kind].kind, told.key, told.message);
-    if (change.object == nullptr && told.operation == KT_MOM_DEL)
-        return deletion_of(c, kind, change.key);
-    if (change.object == nullptr) {
-        report_foreign(c, kind, told.key);
-        return nullptr;
-    }
-    return std::make_shared<const Change>(std::move(change));
-}
-
-ChangePtr deletion_of(Connection &c, size_t kind, const std::string &key)
-{
-    Change change;
-    change.operation = KT_MOM_DEL;
-    change.kind = kind;
-    change.key = key;
-    change.object = object::from_key(*kinds()[kind].kind, key);
-    if (change.object == nullptr) {
-        report_foreign(c, kind, key);
-        return nullptr;
-    }
-    return std::make_shared<const Change>(std::move(change));
 }
 
 } // namespace

@@ -1,7 +1,7 @@
 #include "linux/linux_mom_client.h"
-#include "linux/redis_value.h"
 
 #include <cerrno>
+#include <optional>
 
 namespace mom
 {
@@ -11,21 +11,15 @@ namespace
 
 constexpr const char *PAGE = "1000"; /* objects, about */
 
+std::vector<std::string_view> page_arguments(const Selector &selector, const std::string &cursor);
 void ask_page(Connection &c);
 void ask_behind_queue(Connection &c);
-void take_page(Connection &c, const redisReply &reply);
-bool read_page(Connection &c, const redisReply &reply, const Selector &selector,
-               std::string *cursor, std::deque<ChangePtr> *page);
+void take_page(Connection &c, redis::Reply reply);
+bool take_cursor(Connection &c, const redisReply &page, size_t kind, std::string *cursor);
+std::optional<Change> next_of_page(const redisReply &page, const Selector &selector, size_t *at);
+void tell_scanned(Connection &c, Receiver receiver, const Change &change);
+void go_on(Connection &c);
 void finish(Connection &c);
-
-/* HGET for one object, else the next page. */
-std::vector<std::string_view> page_arguments(const Selector &selector, const std::string &cursor)
-{
-    const std::string &kind = kinds()[selector.kind].name;
-    if (selector.mode == 'k')
-        return {"HGET", kind, selector.key};
-    return {"HSCAN", kind, cursor, "COUNT", PAGE};
-}
 
 } // namespace
 
@@ -47,51 +41,52 @@ int scan_now(Connection &c, const Receiver &receiver, const Selector &selector)
     const auto keep = c.shared_from_this();
     std::string cursor = "0";
     do {
-        redis::Reply reply;
-        if (const int error = ask(c, page_arguments(selector, cursor), &reply))
+        redis::Reply page;
+        if (const int error = ask(c, page_arguments(selector, cursor), &page))
             return error;
-        std::deque<ChangePtr> page;
-        if (!read_page(c, *reply, selector, &cursor, &page))
+        if (!take_cursor(c, *page, selector.kind, &cursor))
             return -ENOTCONN;
-        for (const ChangePtr &change : page) {
+        size_t at = 0;
+        while (const auto change = next_of_page(*page, selector, &at)) {
             if (c.has_ended)
                 return -ENOTCONN;
-            note_scanned(c, *change);
-            call(c, receiver, *change);
+            tell_scanned(c, receiver, *change);
         }
     } while (cursor != "0");
     return 0;
 }
 
-/* Changes that came meanwhile go first, so that a long scan does not starve them. */
-void scan_go_on(Connection &c)
+void scan_deliver(Connection &c)
 {
-    if (c.scans.front().is_last)
-        fence(c, [&c] { enqueue_notice(c, [&c] { finish(c); }); });
-    else
-        enqueue_notice(c, [&c] { ask_page(c); });
+    Scan &scan = c.scans.front();
+    if (const auto change = next_of_page(*scan.page, scan.selector, &scan.at)) {
+        tell_scanned(c, scan.receiver, *change);
+        return;
+    }
+    scan.page.reset();
+    go_on(c);
 }
 
-ChangePtr change_of(Connection &c, size_t kind, std::string_view key, std::string_view stored)
+Change change_of(size_t kind, std::string_view key, std::string_view stored)
 {
     const std::optional<redis::Value> value = redis::value_of(stored);
-    Change change;
-    change.kind = kind;
-    change.key = key;
-    if (value) {
-        change.operation = value->is_fieldwise ? KT_MOM_HSET : KT_MOM_SET;
-        change.fields = redis::numbers_of(value->fields);
-        change.object = redis::unpack(*kinds()[kind].kind, key, value->message);
-    }
-    if (change.object == nullptr) {
-        report_foreign(c, kind, key);
-        return nullptr;
-    }
-    return std::make_shared<const Change>(std::move(change));
+    if (!value)
+        return {KT_MOM_NONE, kind, key, {}, {}};
+    return {value->is_fieldwise ? KT_MOM_HSET : KT_MOM_SET, kind, key, value->fields,
+            value->message};
 }
 
 namespace
 {
+
+/* HGET for one object, else the next page. */
+std::vector<std::string_view> page_arguments(const Selector &selector, const std::string &cursor)
+{
+    const std::string &kind = kinds()[selector.kind].name;
+    if (selector.mode == 'k')
+        return {"HGET", kind, selector.key};
+    return {"HSCAN", kind, cursor, "COUNT", PAGE};
+}
 
 void ask_page(Connection &c)
 {
@@ -99,7 +94,7 @@ void ask_page(Connection &c)
     scan.is_awaited = true;
     request(
         c, page_arguments(scan.selector, scan.cursor),
-        [&c](const redis::Reply &reply) { take_page(c, *reply); }, true);
+        [&c](redis::Reply reply) { take_page(c, std::move(reply)); }, true);
 }
 
 /* What the scan before has found to be gone is told before the first object of this one. */
@@ -111,44 +106,70 @@ void ask_behind_queue(Connection &c)
         enqueue_notice(c, [&c] { ask_page(c); });
 }
 
-void take_page(Connection &c, const redisReply &reply)
+void take_page(Connection &c, redis::Reply reply)
 {
     Scan &scan = c.scans.front();
     scan.is_awaited = false;
-    if (!read_page(c, reply, scan.selector, &scan.cursor, &scan.page))
+    if (!take_cursor(c, *reply, scan.selector.kind, &scan.cursor))
         return;
     scan.is_last = scan.cursor == "0";
+    scan.page = std::move(reply);
+    scan.at = 0;
     arm(c);
-    if (scan.page.empty())
-        scan_go_on(c);
 }
 
-/* The objects of a reply; false when it ended the connection. */
-bool read_page(Connection &c, const redisReply &reply, const Selector &selector,
-               std::string *cursor, std::deque<ChangePtr> *page)
+/* Where the next page begins, "0" for none; false when the reply ended the connection. */
+bool take_cursor(Connection &c, const redisReply &page, size_t kind, std::string *cursor)
 {
-    const auto take = [&](std::string_view key, std::string_view stored) {
-        if (!selector.selects(key))
-            return;
-        if (ChangePtr change = change_of(c, selector.kind, key, stored))
-            page->push_back(std::move(change));
-    };
     *cursor = "0";
-    if (redis::is_error(reply)) {
-        if (!redis::text_of(reply).starts_with("WRONGTYPE")) {
-            lose(c, std::string(redis::text_of(reply)));
-            return false;
-        }
-        report_foreign(c, selector.kind, "(the whole kind)");
-    } else if (reply.type == REDIS_REPLY_STRING) {
-        take(selector.key, redis::text_of(reply));
-    } else if (reply.type == REDIS_REPLY_ARRAY && reply.elements == 2) {
-        const redisReply &entries = *reply.element[1];
-        for (size_t i = 0; i + 1 < entries.elements; i += 2)
-            take(redis::text_of(*entries.element[i]), redis::text_of(*entries.element[i + 1]));
-        *cursor = redis::text_of(*reply.element[0]);
+    if (page.type == REDIS_REPLY_ARRAY && page.elements == 2)
+        *cursor = redis::text_of(*page.element[0]);
+    if (!redis::is_error(page))
+        return true;
+    if (!redis::text_of(page).starts_with("WRONGTYPE")) {
+        lose(c, std::string(redis::text_of(page)));
+        return false;
     }
+    report_foreign(c, kind, "(the whole kind)");
     return true;
+}
+
+/* The next selected object; none when the page is at its end. */
+std::optional<Change> next_of_page(const redisReply &page, const Selector &selector, size_t *at)
+{
+    if (page.type == REDIS_REPLY_STRING && (*at)++ == 0)
+        return change_of(selector.kind, selector.key, redis::text_of(page));
+    if (page.type != REDIS_REPLY_ARRAY || page.elements != 2)
+        return std::nullopt;
+    const redisReply &entries = *page.element[1];
+    while (*at + 1 < entries.elements) {
+        const std::string_view key = redis::text_of(*entries.element[*at]);
+        const std::string_view stored = redis::text_of(*entries.element[*at + 1]);
+        *at += 2;
+        if (selector.selects(key))
+            return change_of(selector.kind, key, stored);
+    }
+    return std::nullopt;
+}
+
+/* The callback may end the scan, and with it what the arguments lie in. */
+void tell_scanned(Connection &c, Receiver receiver, const Change &change)
+{
+    redis::Unpacked memory;
+    const ProtobufCMessage *object = object_of(c, change, memory);
+    if (object == nullptr)
+        return;
+    note_scanned(c, change);
+    call_with(c, receiver, change, object);
+}
+
+/* Changes that came meanwhile go first, so that a long scan does not starve them. */
+void go_on(Connection &c)
+{
+    if (c.scans.front().is_last)
+        fence(c, [&c] { enqueue_notice(c, [&c] { finish(c); }); });
+    else
+        enqueue_notice(c, [&c] { ask_page(c); });
 }
 
 /* The fence behind the last page is back, and all that it held back is delivered. */
@@ -159,9 +180,7 @@ void finish(Connection &c)
     tell_missed(c, scan);
     if (!c.scans.empty())
         ask_behind_queue(c);
-    Change over;
-    over.scan_state = KT_MOM_SCAN_OVER;
-    call(c, scan.receiver, over);
+    call(c, scan.receiver, {KT_MOM_NONE, nullptr, KT_MOM_SCAN_OVER, 0});
 }
 
 } // namespace

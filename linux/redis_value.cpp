@@ -3,6 +3,8 @@
 #include "proto/key_role.h"
 
 #include <algorithm>
+#include <cstdlib>
+#include <utility>
 
 namespace redis
 {
@@ -122,14 +124,48 @@ std::string pack(const ProtobufCMessage &message)
     return packed;
 }
 
-object::Message unpack(const object::Kind &kind, std::string_view key, std::string_view message)
+Unpacked::~Unpacked()
 {
-    object::Message result(
-        protobuf_c_message_unpack(&object::kind_descriptor(kind), nullptr, message.size(),
-                                  reinterpret_cast<const uint8_t *>(message.data())));
-    if (result != nullptr && (!object::has_key(*result) || object::key(*result) != key))
-        result.reset();
-    return result;
+    for (Block *block = m_more; block != nullptr;) {
+        Block *next = block->next;
+        std::free(block);
+        block = next;
+    }
+}
+
+const ProtobufCMessage *Unpacked::unpack(const object::Kind &kind, std::string_view key,
+                                         std::string_view message)
+{
+    ProtobufCAllocator allocator = {
+        [](void *self, size_t size) { return static_cast<Unpacked *>(self)->take(size); },
+        [](void *, void *) {}, this};
+    const ProtobufCMessage *object =
+        protobuf_c_message_unpack(&object::kind_descriptor(kind), &allocator, message.size(),
+                                  reinterpret_cast<const uint8_t *>(message.data()));
+    const bool is_it = object != nullptr && object::has_key(*object) && object::key(*object) == key;
+    return is_it ? object : nullptr;
+}
+
+const ProtobufCMessage *Unpacked::from_key(const object::Kind &kind, std::string_view key)
+{
+    m_from_key = object::from_key(kind, key);
+    return m_from_key.get();
+}
+
+void *Unpacked::take(size_t size)
+{
+    constexpr size_t ALIGNED = alignof(std::max_align_t);
+    size = (size + ALIGNED - 1) & ~(ALIGNED - 1);
+    if (size <= m_bytes.size() - m_used) {
+        void *taken = &m_bytes[m_used];
+        m_used += size;
+        return taken;
+    }
+    auto *block = static_cast<Block *>(std::malloc(ALIGNED + size));
+    if (block == nullptr)
+        return nullptr;
+    block->next = std::exchange(m_more, block);
+    return reinterpret_cast<char *>(block) + ALIGNED;
 }
 
 std::string key_shape(const object::Kind &kind)
@@ -158,15 +194,18 @@ bool key_selects(std::string_view shape, std::string_view wanted, std::string_vi
         size_t size = static_cast<size_t>(width - '0');
         if (width == 's')
             size = from.find('\0') + 1; /* npos + 1 is 0 */
-        const std::string_view piece = from.substr(0, size);
-        from.remove_prefix(piece.size());
+        size = std::min(size, from.size());
+        const std::string_view piece(from.data(), size);
+        from.remove_prefix(size);
         return piece;
     };
-    return std::ranges::all_of(shape, [&](char width) {
+    for (const char width : shape) {
         const std::string_view part = take(wanted, width);
         const std::string_view mine = take(key, width);
-        return part == mine || part.find_first_not_of('\0') == std::string_view::npos;
-    });
+        if (part != mine && std::ranges::any_of(part, [](char byte) { return byte != '\0'; }))
+            return false;
+    }
+    return true;
 }
 
 } // namespace redis

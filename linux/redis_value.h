@@ -29,6 +29,8 @@
 
 #include "object/object.h"
 
+#include <array>
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -62,8 +64,37 @@ std::string fields_text(const std::vector<uint32_t> &numbers);
 
 std::string pack(const ProtobufCMessage &message);
 
-/* The object, or null if the bytes are no message of the kind with this key. */
-object::Message unpack(const object::Kind &kind, std::string_view key, std::string_view message);
+/*
+ * An object for as long as a callback looks at it. Unpacked into memory that stands
+ * beside it: the allocator would cost more than all else that is done with it.
+ */
+class Unpacked
+{
+public:
+    Unpacked() = default;
+    ~Unpacked();
+    Unpacked(const Unpacked &) = delete;
+    Unpacked &operator=(const Unpacked &) = delete;
+
+    /* At most once: the object, or nullptr if the bytes are no message of the kind with this key.
+     */
+    const ProtobufCMessage *unpack(const object::Kind &kind, std::string_view key,
+                                   std::string_view message);
+    /* The object with nothing but its key; nullptr if the bytes are none. */
+    const ProtobufCMessage *from_key(const object::Kind &kind, std::string_view key);
+
+private:
+    struct Block {
+        Block *next;
+    };
+
+    void *take(size_t size);
+
+    alignas(std::max_align_t) std::array<char, 1'024> m_bytes;
+    size_t m_used = 0;
+    Block *m_more = nullptr; /* one for each allocation that did not fit */
+    object::Message m_from_key;
+};
 
 /*
  * The widths of a kind's key fields, a character each: '4' bytes, '6' bytes, or

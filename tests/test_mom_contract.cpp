@@ -288,11 +288,12 @@ TEST_F(Contract, FieldwiseObjectIsMergedAndToldWithItsFields)
     EXPECT_THAT(stored(GLOBAL), ElementsAre("set age_time=9")) << "a plain object from now";
 }
 
+/* A deletion that nobody heard carries the object as it was known, whichever way that was. */
 TEST_F(Contract, NothingIsLostOverALostConnection)
 {
     Seen stands, renewed;
     for (const uint32_t ifx : {1U, 2U, 3U, 4U})
-        set(port_text(ifx));
+        set(port_text(ifx) + " mode=7");
     for (Seen *seen : {&stands, &renewed}) {
         seen->then = [&, seen](const kt_mom_msg &msg) {
             if (msg.scan_state == KT_MOM_SCAN_START)
@@ -301,11 +302,15 @@ TEST_F(Contract, NothingIsLostOverALostConnection)
         subscribe(*seen);
     }
     platform_settle();
+    set("index.ifx=2 mode=8 enable=1"); /* known by a change, larger than before, */
+    set("index.ifx=6 mode=300");
+    set("index.ifx=6 mode=3"); /* and smaller */
+    platform_settle();
     stands.take(), renewed.take();
     del("index.ifx=1"); /* on its way when the connection goes */
     platform_cut(program, 4);
     EXPECT_EQ(kt_mom_set(program, 4, make(PORT, "index.ifx=1"), 0, 0), -ENOTCONN);
-    del("index.ifx=2 enable=1");
+    del("index.ifx=2");
     del("index.ifx=3");
     set("index.ifx=3 enable=1");
     set("index.ifx=5");
@@ -316,16 +321,46 @@ TEST_F(Contract, NothingIsLostOverALostConnection)
     platform_restore(4, KT_MOM_RECONNECT_SAME);
     for (Seen *seen : {&stands, &renewed})
         EXPECT_THAT(unordered(settled(*seen)),
-                    ElementsAre("resync", "start", "set index.ifx=3 enable=1", "set index.ifx=4",
-                                "over", "del index.ifx=1", "del index.ifx=2"));
+                    ElementsAre("resync", "start", "set index.ifx=3 enable=1",
+                                "set index.ifx=4 mode=7", "set index.ifx=6 mode=3", "over",
+                                "del index.ifx=1 mode=7", "del index.ifx=2 enable=1 mode=8"));
     EXPECT_THAT(link_events, ElementsAre("back 4 2"));
+
+    platform_cut(program, 4); /* once more, with what only that scan has shown */
+    for (const uint32_t ifx : {3U, 4U, 6U})
+        del(port_text(ifx));
+    platform_restore(4, KT_MOM_RECONNECT_SAME);
+    EXPECT_THAT(unordered(settled(stands)),
+                ElementsAre("resync", "start", "over", "del index.ifx=3 enable=1",
+                            "del index.ifx=4 mode=7", "del index.ifx=6 mode=3"));
+}
+
+/* An object that is stored field by field is told whole, and one of a kind without keys too. */
+TEST_F(Contract, WhatIsStoredByFieldsIsNotLostEither)
+{
+    Seen seen;
+    seen.then = [&](const kt_mom_msg &msg) {
+        if (msg.scan_state == KT_MOM_SCAN_START)
+            scan(seen, GLOBAL);
+    };
+    hset("age_time=5");
+    subscribe(seen, GLOBAL);
+    settled(seen);
+    hset("secu_mode=2");
+    settled(seen);
+    platform_cut(program, 4);
+    EXPECT_EQ(kt_mom_del(peer, 4, make(GLOBAL), 0, 0), 0);
+    in_effect(peer, 4);
+    platform_restore(4, KT_MOM_RECONNECT_SAME);
+    EXPECT_THAT(settled(seen),
+                ElementsAre("resync", "start", "over", "del secu_mode=2 age_time=5"));
 }
 
 /* One scan must not be half told when the next begins. */
 TEST_F(Contract, WhatAScanShowsToBeGoneComesBeforeALaterScan)
 {
     Seen seen;
-    set("index.ifx=1");
+    set("index.ifx=1 mode=2");
     hset("age_time=5");
     seen.then = [&](const kt_mom_msg &msg) {
         if (msg.scan_state == KT_MOM_SCAN_START) {
@@ -338,7 +373,7 @@ TEST_F(Contract, WhatAScanShowsToBeGoneComesBeforeALaterScan)
     platform_cut(program, 4);
     del("index.ifx=1");
     platform_restore(4, KT_MOM_RECONNECT_SAME);
-    EXPECT_THAT(settled(seen), ElementsAre("resync", "start", "over", "del index.ifx=1",
+    EXPECT_THAT(settled(seen), ElementsAre("resync", "start", "over", "del index.ifx=1 mode=2",
                                            "hset 7: age_time=5", "over"));
 }
 
@@ -362,7 +397,7 @@ TEST_F(Contract, AnotherInstanceKeepsNoSubscription)
 TEST_F(Contract, AFullQueueAsksForAnotherScan)
 {
     Seen seen;
-    set("index.ifx=1");
+    set("index.ifx=1 mode=4");
     subscribe(seen);
     platform_settle();
     seen.take();
@@ -376,7 +411,7 @@ TEST_F(Contract, AFullQueueAsksForAnotherScan)
     scan(seen);
     EXPECT_THAT(unordered(settled(seen)),
                 ElementsAre("set index.ifx=2", "set index.ifx=3", "set index.ifx=4", "over",
-                            "del index.ifx=1"));
+                            "del index.ifx=1 mode=4"));
 }
 
 TEST_F(Contract, SectionRemovesWhatNobodyWanted)

@@ -6,6 +6,7 @@
 #include "linux/linux_env.h"
 #include "linux/linux_loop.h"
 #include "linux/linux_mom.h"
+#include "linux/linux_mom_known.h"
 #include "linux/redis_value.h"
 #include "tests/contract_objects.h"
 #include "tests/live/redis_server.h"
@@ -179,6 +180,7 @@ TEST_F(MomRedis, AKilledServerIsAnotherOneWhetherItKeptItsDataOrNot)
         seen.take();
         EXPECT_EQ(get("index.ifx=1"), keeps_data ? "index.ifx=1 mode=7" : "");
         EXPECT_EQ(get("index.ifx=2"), "");
+        EXPECT_EQ(linux_mom_look(peer, 4).foreign, 0U) << "what is not there is not foreign";
         set("index.ifx=3");
         settle();
         EXPECT_THAT(seen.take(), IsEmpty()) << "no subscription stands";
@@ -470,6 +472,48 @@ TEST_F(MomRedis, AChangeThatOvertakesAPageIsNotUndoneByIt)
         ASSERT_EQ(view.size(), 500U - static_cast<size_t>(i) - 1);
         seen.lines.clear();
     }
+}
+
+/* What a subscription keeps, against the plain form of the same: messages, and who is known. */
+TEST(MomKnown, IsWhatItShouldBeAfterAnything)
+{
+    mom::Known known;
+    std::map<std::string, std::pair<std::string, bool>> model;
+    std::mt19937 random;
+    for (int i = 0; i < 200'000; i++) {
+        const std::string key = "key" + std::to_string(random() % 300);
+        const std::string message(random() % 60, static_cast<char>(random()));
+        const auto what = random() % 200;
+        if (what < 120) {
+            known.put(key, message), model[key] = {message, true};
+        } else if (what < 140) {
+            known.put_doubtful(key, message), model[key] = {message, false};
+        } else if (what < 199) {
+            known.erase(key), model.erase(key);
+        } else {
+            known.doubt_all();
+            std::ranges::for_each(model, [](auto &each) { each.second.second = false; });
+        }
+        if (what < 198)
+            continue;
+        std::map<std::string, std::string> doubtful, expected;
+        mom::Known::Place place;
+        while (const auto object = known.next_doubtful(&place))
+            EXPECT_TRUE(doubtful.emplace(object->key, object->message).second);
+        for (const auto &[name, told] : model) {
+            if (!told.second)
+                expected.emplace(name, told.first);
+        }
+        ASSERT_EQ(doubtful, expected);
+    }
+    known.put("large", std::string(70'000, 'x'));
+    known.doubt_all();
+    mom::Known::Place place;
+    auto object = known.next_doubtful(&place);
+    while (object && object->key != "large")
+        object = known.next_doubtful(&place);
+    ASSERT_TRUE(object);
+    EXPECT_EQ(object->message, "") << "only the key";
 }
 
 TEST_F(MomRedis, AFullRequestQueueIsRefusedAndWhatWasTakenIsWritten)

@@ -29,7 +29,9 @@
  * A lost link, a refused write (memory full), an answer that does not come within
  * three seconds, a server that lost its scripts: all end the connection, both
  * links, and it is made anew, after 10 ms growing to 1 s, with jitter. The same
- * server process is reconnect type 2, any other type 1.
+ * server process is reconnect type 2, any other type 1. A server that still loads its
+ * data refuses all requests; it is asked again in the same way, and
+ * kt_mom_client_connect_sync() waits three seconds for it.
  *
  * Every five seconds, or sooner when something is due, a client renews its lease
  * (15 s, if it owns objects), has the server delete what has run out (its own and

@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <cstring>
 #include <event2/event.h>
+#include <poll.h>
 #include <random>
 #include <sys/random.h>
 
@@ -152,7 +153,7 @@ void connect_now(Connection &c)
         greet(c);
 }
 
-/* Every place is tried once: there may be no second call. */
+/* Every place is tried once: there may be no second call. One that still loads is waited for. */
 int connect_wait(Connection &c)
 {
     connect_once(c);
@@ -160,6 +161,12 @@ int connect_wait(Connection &c)
     const unsigned tries = std::max(places, std::min(places * c.command.alternatives(), TRIES_MAX));
     for (unsigned i = 1; i < tries && !c.is_greeted; i++)
         connect_once(c);
+    const int64_t deadline = linux_loop_now() + PATIENCE;
+    while (!c.is_greeted && c.last_reason.starts_with("LOADING") && linux_loop_now() < deadline) {
+        poll(nullptr, 0,
+             BACKOFF_MIN / MILLISECOND); /* it has its data soon, and is the right one */
+        connect_once(c);
+    }
     return sync_works(c) ? 0 : -ENOTCONN;
 }
 

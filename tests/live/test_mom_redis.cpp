@@ -13,12 +13,14 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <csignal>
 #include <fstream>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <map>
 #include <memory>
 #include <random>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -143,6 +145,25 @@ protected:
         EXPECT_EQ(server->command({"SELECT", "4"}), "OK");
         EXPECT_EQ(server->command({"HDEL", PORT, object::key(*port)}), "1");
     }
+    /* Starts the server anew, on its data, without waiting for it. */
+    pid_t start_slowly(const char *micros_a_command)
+    {
+        const pid_t pid = fork();
+        if (pid == 0) {
+            prctl(PR_SET_PDEATHSIG, SIGKILL);
+            execlp("redis-server", "redis-server", "--port", "0", "--unixsocket",
+                   server->socket().c_str(), "--dir", server->directory().c_str(), "--appendonly",
+                   "yes", "--logfile", "/dev/null", "--key-load-delay", micros_a_command, nullptr);
+            _exit(127);
+        }
+        EXPECT_TRUE(until([this] {
+            redisContext *context = redisConnectUnix(server->socket().c_str());
+            const bool is_there = context->err == 0;
+            redisFree(context);
+            return is_there;
+        }));
+        return pid;
+    }
     /* How many the server has accepted. */
     int connections()
     {
@@ -189,6 +210,35 @@ TEST_F(MomRedis, AKilledServerIsAnotherOneWhetherItKeptItsDataOrNot)
         linux_loop_reset();
         view.clear();
     }
+}
+
+TEST_F(MomRedis, AServerThatStillLoadsIsAskedUntilItHasItsData)
+{
+    server = std::make_unique<RedisServer>(std::vector<std::string>{"--appendonly", "yes"});
+    use_server();
+    begin_clients();
+    set("index.ifx=1 mode=7");
+    EXPECT_EQ(get("index.ifx=1"), "index.ifx=1 mode=7");
+    server->command({"EVAL", "for i = 1, 40000 do redis.call('SET', i, '') end", "0"});
+    server->kill();
+    const pid_t slow = start_slowly("100");
+    const auto refused =
+        [this] { /* how often */
+                 const std::string errors = server->command({"INFO", "errorstats"});
+                 const size_t at = errors.find("LOADING:count=");
+                 return at == errors.npos ? 0 : std::stoi(errors.substr(at + 14));
+        };
+    EXPECT_TRUE(until([&] { return refused() >= 3; }));
+    EXPECT_FALSE(linux_mom_look(program, 4).is_up);
+    EXPECT_EQ(server->command({"CONFIG", "SET", "key-load-delay", "-10"}), "OK"); /* quicker */
+    EXPECT_EQ(get(client(), PORT, "index.ifx=1", nullptr), "index.ifx=1 mode=7") << "waits for it";
+    settle();
+    EXPECT_THAT(link_events, ElementsAre("lost", "lost", "back 1", "back 1"));
+    EXPECT_EQ(get("index.ifx=1"), "index.ifx=1 mode=7");
+    subscribe();
+    EXPECT_EQ(view, stored());
+    kill(slow, SIGKILL);
+    waitpid(slow, nullptr, 0);
 }
 
 TEST_F(MomRedis, AFrozenServerIsLeftAndFoundAgain)

@@ -100,6 +100,9 @@ struct Subscription {
     bool is_overrun = false;
     uint64_t told_at = NEVER; /* the last scan requested before it was told to scan */
     Known known;
+    /* Scans up to this one need not ask the server: `known` is all that it would show. */
+    uint64_t shown_until = 0;
+    bool is_fieldwise = false; /* it has hash sets, whose fields are not kept */
 };
 
 using SubscriptionPtr = std::shared_ptr<Subscription>;
@@ -251,6 +254,8 @@ void clock_ahead(int64_t millis);
 
 void arm(Connection &c);
 void enqueue_notice(Connection &c, std::function<void()> notice);
+/* The same for something that is called until it says true, before all else. */
+void enqueue_step(Connection &c, std::function<bool()> step);
 void deliver(Connection &c);
 /* The object of a change; nullptr, and reported, if there is none. */
 const ProtobufCMessage *object_of(Connection &c, const Change &change, redis::Unpacked &memory);
@@ -268,6 +273,10 @@ void hear(Connection &c, std::string_view channel, std::string_view text);
 void note_scanned(Connection &c, const Change &change);
 /* After a scan: whoever was told to scan before it learns what it has missed. */
 void tell_missed(Connection &c, const Scan &scan);
+/* The subscription that knows what this waiting scan would show; nullptr for none. */
+SubscriptionPtr shown_by(const Connection &c, const Scan &scan);
+/* After a scan that asked the server: equal ones that wait by now need not. */
+void note_shown(Connection &c, const Scan &scan);
 /* Drops the queue, remembering what must not be lost. */
 void drop_queue(Connection &c);
 void drop_subscriptions(Connection &c);

@@ -99,6 +99,11 @@ void enqueue_notice(Connection &c, std::function<void()> notice)
             }});
 }
 
+void enqueue_step(Connection &c, std::function<bool()> step)
+{
+    enqueue(c, {.step = std::move(step)});
+}
+
 /* Until nothing is left or time is up for the others in the loop. */
 void deliver(Connection &c)
 {
@@ -251,7 +256,27 @@ void tell_missed(Connection &c, const Scan &scan)
         const auto step = [&c, each, selector = scan.selector, place = Known::Place()]() mutable {
             return !tell_next_missed(c, *each, selector, &place);
         };
-        enqueue(c, {.step = step});
+        enqueue_step(c, step);
+    }
+}
+
+SubscriptionPtr shown_by(const Connection &c, const Scan &scan)
+{
+    for (const SubscriptionPtr &each : c.channels[scan.selector.kind].subscriptions) {
+        if (each->standing == Standing::LIVE && each->shown_until >= scan.serial &&
+            each->selector == scan.selector && !each->is_overrun && !each->is_fieldwise &&
+            each->known.is_whole())
+            return each;
+    }
+    return nullptr;
+}
+
+void note_shown(Connection &c, const Scan &scan)
+{
+    for (const SubscriptionPtr &each : c.channels[scan.selector.kind].subscriptions) {
+        if (each->told_at != NEVER && scan.serial > each->told_at &&
+            each->selector == scan.selector)
+            each->shown_until = c.scan_count;
     }
 }
 
@@ -278,6 +303,7 @@ void drop_queue(Connection &c)
         each->queued = 0;
         each->is_overrun = false;
         each->told_at = NEVER;
+        each->shown_until = 0;
         each->known.doubt_all();
     });
 }
@@ -376,6 +402,7 @@ void deliver_state(Connection &c, const Item &item)
         /* A page that was already on its way may have shown what is gone since. */
         subscription.known.doubt_all();
         subscription.told_at = c.scan_count;
+        subscription.shown_until = 0;
     }
     if (item.operation == KT_MOM_UNSUBSCRIBED)
         subscription.standing = Standing::GONE;
@@ -400,6 +427,8 @@ void uncount(Connection &c, const SubscriptionPtr &subscription)
 /* What the owner knows after it has been told. */
 void note(Subscription &subscription, const Change &change)
 {
+    if (change.operation == KT_MOM_HSET)
+        subscription.is_fieldwise = true;
     if (change.operation == KT_MOM_SET || change.operation == KT_MOM_HSET)
         subscription.known.put(change.key, change.message);
     else if (change.operation == KT_MOM_DEL)
@@ -420,6 +449,7 @@ void tell(Connection &c, const SubscriptionPtr &subscription, const Change &chan
         c.counts.dropped++;
         subscription->is_overrun = true;
         subscription->told_at = NEVER;
+        subscription->shown_until = 0;
     }
     if (change.operation == KT_MOM_DEL && !subscription->is_watcher)
         subscription->known.put_doubtful(change.key, change.message);
@@ -496,7 +526,10 @@ void leave(Connection &c, size_t kind)
         std::array<std::string_view, 2>{"UNSUBSCRIBE", std::string(c.prefix + kinds()[kind].name)});
 }
 
-/* What the old one has not been told yet and a scan would not show goes to the new one. */
+/*
+ * What the old one has not been told yet and a scan would not show goes to the new one;
+ * the scans that it was waiting for go on unheard.
+ */
 void replace(Connection &c, Subscription &old, Subscription &by)
 {
     for (const Item &item : c.queue) {
@@ -506,6 +539,10 @@ void replace(Connection &c, Subscription &old, Subscription &by)
     old.standing = Standing::GONE;
     by.known = std::exchange(old.known, {});
     by.known.doubt_all();
+    for (Scan &scan : c.scans) {
+        if (scan.receiver == old.receiver && scan.selector.kind == old.selector.kind)
+            scan.receiver.callback = nullptr;
+    }
 }
 
 /* What is dropped with an item: a deletion must be told later. */

@@ -57,9 +57,26 @@ void Known::erase(std::string_view key)
 void Known::doubt_all()
 {
     m_round++;
+    m_is_whole = true;
 }
 
 std::optional<Known::Object> Known::next_doubtful(Place *place) const
+{
+    return walk(place, [this](const Header &at) { return at.round != m_round; });
+}
+
+std::optional<Known::Object> Known::next(Place *place) const
+{
+    return walk(place, [](const Header &) { return true; });
+}
+
+bool Known::is_whole() const
+{
+    return m_is_whole;
+}
+
+template <typename Wanted>
+std::optional<Known::Object> Known::walk(Place *place, Wanted wanted) const
 {
     if (place->rebuilt != m_rebuilt)
         *place = {0, m_rebuilt};
@@ -67,7 +84,7 @@ std::optional<Known::Object> Known::next_doubtful(Place *place) const
         const size_t at = place->at;
         const Header here = header(at);
         place->at += here.size();
-        if (here.round != GAP && here.round != m_round)
+        if (here.round != GAP && wanted(here))
             return object(at);
     }
     return std::nullopt;
@@ -75,6 +92,7 @@ std::optional<Known::Object> Known::next_doubtful(Place *place) const
 
 void Known::keep(std::string_view key, std::string_view message, uint32_t round)
 {
+    m_is_whole = m_is_whole && key.size() <= UINT16_MAX && message.size() <= UINT16_MAX;
     if (key.size() > UINT16_MAX)
         return;
     if (message.size() > UINT16_MAX)
@@ -91,8 +109,10 @@ void Known::keep(std::string_view key, std::string_view message, uint32_t round)
         return;
     }
     if (m_bytes.size() - m_gaps + made.size() > KNOWN_BYTES_MAX ||
-        (old == NOWHERE && m_count == KNOWN_OBJECTS_MAX))
+        (old == NOWHERE && m_count == KNOWN_OBJECTS_MAX)) {
+        m_is_whole = false;
         return;
+    }
     bucket = {hash, static_cast<uint32_t>(m_bytes.size())};
     m_bytes.resize(m_bytes.size() + made.size());
     write(bucket.at, made, key, message);

@@ -45,7 +45,7 @@ public:
         std::string_view key, message;
     };
 
-    /* Where a walk over the doubtful objects is. A new one is at the first. */
+    /* Where a walk over the objects is. A new one is at the first. */
     struct Place {
         size_t at = 0;
         uint64_t rebuilt = 0;
@@ -61,6 +61,11 @@ public:
      * become known. One that becomes doubtful meanwhile may be passed over.
      */
     std::optional<Object> next_doubtful(Place *place) const;
+    /* The same of all objects; one may come twice. */
+    std::optional<Object> next(Place *place) const;
+
+    /* Whether everything was taken in since the last doubt_all(), whole. */
+    bool is_whole() const;
 
 private:
     struct Bucket {
@@ -82,6 +87,7 @@ private:
     /* Not of any round: a gap, and an object that is doubtful from the start. */
     static constexpr uint32_t GAP = 0, DOUBTFUL = 1, FIRST_ROUND = 2;
 
+    template <typename Wanted> std::optional<Object> walk(Place *place, Wanted wanted) const;
     void keep(std::string_view key, std::string_view message, uint32_t round);
     void write(size_t at, const Header &made, std::string_view key, std::string_view message);
     void leave_gap(size_t at);
@@ -96,6 +102,7 @@ private:
     size_t m_gaps = 0; /* bytes */
     uint32_t m_round = FIRST_ROUND;
     uint64_t m_rebuilt = 0; /* times */
+    bool m_is_whole = true;
 };
 
 } // namespace mom

@@ -1,5 +1,6 @@
 #include "linux/linux_mom_client.h"
 
+#include <array>
 #include <cerrno>
 #include <optional>
 
@@ -13,7 +14,9 @@ constexpr const char *PAGE = "1000"; /* objects, about */
 
 std::vector<std::string_view> page_arguments(const Selector &selector, const std::string &cursor);
 void ask_page(Connection &c);
-void ask_behind_queue(Connection &c);
+void begin(Connection &c);
+void show_behind_queue(Connection &c);
+bool show_next(Connection &c, Known::Place *place);
 void take_page(Connection &c, redis::Reply reply);
 bool take_cursor(Connection &c, const redisReply &page, size_t kind, std::string *cursor);
 std::optional<Change> next_of_page(const redisReply &page, const Selector &selector, size_t *at);
@@ -32,7 +35,7 @@ int scan(Connection &c, const Receiver &receiver, Selector selector)
     made.selector = std::move(selector);
     made.serial = ++c.scan_count;
     if (c.scans.size() == 1)
-        ask_behind_queue(c);
+        begin(c);
     return 0;
 }
 
@@ -97,13 +100,45 @@ void ask_page(Connection &c)
         [&c](redis::Reply reply) { take_page(c, std::move(reply)); }, true);
 }
 
-/* What the scan before has found to be gone is told before the first object of this one. */
-void ask_behind_queue(Connection &c)
+/*
+ * What the scan before has found to be gone is told before the first object of this
+ * one. If that one was equal, and this one waited already, then the server need not
+ * be asked again: only that what was requested before this scan has been heard of.
+ */
+void begin(Connection &c)
 {
-    if (c.queue.empty())
+    if (shown_by(c, c.scans.front()) != nullptr)
+        request(
+            c, std::array<std::string_view, 1>{"PING"},
+            [&c](const redis::Reply &) { fence(c, [&c] { show_behind_queue(c); }); }, true);
+    else if (c.queue.empty())
         ask_page(c);
     else
         enqueue_notice(c, [&c] { ask_page(c); });
+}
+
+void show_behind_queue(Connection &c)
+{
+    enqueue_step(c, [&c, place = Known::Place()]() mutable { return !show_next(c, &place); });
+}
+
+/* Delivers one of the objects that are known; false behind the last one. */
+bool show_next(Connection &c, Known::Place *place)
+{
+    const Scan &scan = c.scans.front();
+    const SubscriptionPtr subscription = shown_by(c, scan);
+    if (subscription == nullptr) {
+        ask_page(c); /* something was lost meanwhile */
+        return false;
+    }
+    const std::optional<Known::Object> known = subscription->known.next(place);
+    if (!known) {
+        finish(c);
+        return false;
+    }
+    const std::string key(known->key), message(known->message);
+    tell_scanned(c, scan.receiver, {KT_MOM_SET, scan.selector.kind, key, {}, message});
+    return true;
 }
 
 void take_page(Connection &c, redis::Reply reply)
@@ -178,8 +213,10 @@ void finish(Connection &c)
     const Scan scan = std::move(c.scans.front());
     c.scans.pop_front();
     tell_missed(c, scan);
+    if (scan.is_last)
+        note_shown(c, scan);
     if (!c.scans.empty())
-        ask_behind_queue(c);
+        begin(c);
     call(c, scan.receiver, {KT_MOM_NONE, nullptr, KT_MOM_SCAN_OVER, 0});
 }
 

@@ -467,6 +467,38 @@ TEST_F(MomRedis, AnOwnerThatDiesIsCleanedUpAfterAndOneThatLeavesAtOnce)
     EXPECT_EQ(server->command({"KEYS", "vvlan:*"}), "") << "nothing is left behind";
 }
 
+/* As a program asks that wants to know all whenever something is configured. */
+TEST_F(MomRedis, EqualScansThatWaitWalkTheServerOnceAndMissNothing)
+{
+    begin();
+    constexpr size_t PORTS = 3'000, SCANS = 60;
+    for (uint32_t ifx = 1; ifx <= PORTS; ifx++)
+        set(port_text(ifx) + " mode=1");
+    subscribe();
+    server->command({"CONFIG", "RESETSTAT"});
+    std::array<Seen, SCANS> scans;
+    for (uint32_t i = 0; i < SCANS; i++) {
+        kt_mom_set(program, 4, make(PORT, port_text(10'000 + i)), 0, 0);
+        kt_mom_del(program, 4, make(PORT, port_text(1 + i)), 0, 0);
+        kt_mom_scan(program, 4, make(PORT), 0, record, &scans[i]);
+    }
+    for (uint32_t i = 0; i < 200; i++) /* somebody else is at it as well */
+        set(port_text(2'000 + i % 50) + " mode=" + std::to_string(i));
+    settle();
+    for (uint32_t i = 0; i < SCANS; i++) {
+        const Lines &lines = scans[i].lines;
+        ASSERT_GT(lines.size(), PORTS - SCANS) << i;
+        EXPECT_EQ(lines.back(), "over");
+        EXPECT_THAT(lines, testing::Contains("set " + port_text(10'000 + i)));
+        EXPECT_THAT(lines, testing::Not(testing::Contains("set " + port_text(1 + i) + " mode=1")));
+    }
+    EXPECT_EQ(view, stored());
+    const std::string stats = server->command({"INFO", "commandstats"});
+    const size_t at = stats.find("cmdstat_hscan:calls=");
+    ASSERT_NE(at, stats.npos);
+    EXPECT_LE(std::stoul(stats.substr(at + 20)), 3U * (PORTS / 500 + 1)) << "a few walks at most";
+}
+
 TEST_F(MomRedis, ALongScanAndChangesAllTheWhile)
 {
     begin();

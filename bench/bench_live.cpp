@@ -26,7 +26,7 @@ constexpr bench::Sync FULL_SYNCS[] = {{"empty", {1, 1, 0}, 0, 7},
                                       {"office", {48, 127, 1008}, 48, 7},
                                       {"eighth", {512, 127, 8192}, 512, 3},
                                       {"automatic", {4096, 127, 65536}, 4096, 1}};
-constexpr bench::Scale FULL = {{4096, 127, 65536}, 200'000, 7, 1000, 60, FULL_SYNCS};
+constexpr bench::Scale FULL = {{4096, 127, 65536}, 200'000, 15, 1000, 60, FULL_SYNCS};
 
 constexpr bench::Sync SHORT_SYNCS[] = {{"empty", {1, 1, 0}, 0, 1},
                                        {"manual", {256, 127, 4096}, 0, 1},

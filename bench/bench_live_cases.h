@@ -39,7 +39,7 @@ struct Sync {
 struct Scale {
     Size size;        /* of the switch */
     uint32_t notices; /* a round */
-    uint32_t rounds;
+    uint32_t rounds;  /* of these */
     uint32_t samples; /* of a latency */
     double idle;      /* seconds */
     std::span<const Sync> syncs;
@@ -54,7 +54,7 @@ struct Bench {
     std::function<void()> save; /* the results as far as they are */
 };
 
-/* MAC notices a second, written as they are by a bridge and published only. */
+/* Seconds a MAC notice, written as they are by a bridge and published only. */
 void case_notices(const Bench &bench);
 /* First synchronisation and restart, for several shares of ports in automatic mode. */
 void case_synchronise(const Bench &bench);

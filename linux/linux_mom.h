@@ -31,12 +31,12 @@
  * Changes wait as they were published and are unpacked when they are delivered. A
  * turn of the loop delivers for about five milliseconds.
  *
- * A lost link, a refused write (memory full), an answer that does not come within
- * three seconds, a server that lost its scripts: all end the connection, both
- * links, and it is made anew, after 10 ms growing to 1 s, with jitter. The same
- * server process is reconnect type 2, any other type 1. Connections that were lost
- * together are told to be back together, if the others take no longer than two seconds
- * more: a program should not resynchronise with half of its databases. A server that still loads its
+ * A lost link, a refused write (memory full), an answer that does not come within three
+ * seconds, a server that lost its scripts: all end the connection, both links, and it
+ * is made anew, after 10 ms growing to 1 s, with jitter. The same server process is
+ * reconnect type 2, any other type 1. Connections that were lost together are told to
+ * be back together, if the others take no longer than two seconds more: a program
+ * should not resynchronise with half of its databases. A server that still loads its
  * data refuses all requests; it is asked again in the same way, and
  * kt_mom_client_connect_sync() waits three seconds for it.
  *

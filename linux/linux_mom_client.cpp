@@ -30,6 +30,7 @@ constexpr int64_t BACKOFF_MIN = 10 * MILLISECOND;
 constexpr int64_t BACKOFF_MAX = SECOND;
 constexpr unsigned TRIES_MAX = 8;
 constexpr int64_t FAREWELL = SECOND / 2;
+constexpr int64_t TOGETHER = 2 * SECOND; /* more than the longest pause between two attempts */
 
 struct Client {
     kt_global *global;
@@ -58,6 +59,7 @@ void greeted(Connection &c);
 void become_ready(Connection &c);
 void tell_connected(Connection &c);
 void tell_lost(Connection &c);
+void tell_reconnected_later(Connection &c);
 void tell_reconnected(Connection &c);
 void answered(Connection &c, redis::Reply reply);
 void heard(Connection &c, redis::Reply reply);
@@ -508,7 +510,7 @@ void become_ready(Connection &c)
         LINUX_LOG(KTDF_ZLOG_LV_NOTICE, "database %u: connected", c.db);
     c.last_reason.clear();
     if (c.is_lost)
-        enqueue_notice(c, [&c] { tell_reconnected(c); });
+        tell_reconnected_later(c);
     else
         connect_told_later(c);
 }
@@ -530,8 +532,37 @@ void tell_lost(Connection &c)
         c.disconnected(c.global, c.db);
 }
 
+/*
+ * Connections that were lost together are told together: a program that resynchronises
+ * one database while another is still away cannot write there what follows. One that
+ * stays away holds the others up for TOGETHER.
+ */
+void tell_reconnected_later(Connection &c)
+{
+    const auto tell = [](Connection &back) {
+        linux_loop_cancel(back.retry_timer);
+        enqueue_notice(back, [&back] { tell_reconnected(back); });
+    };
+    const auto &all = client_of(c.global)->connections;
+    const auto is_away = [](const auto &each) {
+        return each != nullptr && each->is_lost && !each->is_ready;
+    };
+    if (c.told_instance != c.instance) {
+        tell(c);
+    } else if (std::ranges::any_of(all, is_away)) {
+        c.retry_timer = linux_loop_after(TOGETHER, [tell, &c] { tell(c); });
+    } else {
+        for (const auto &each : all) {
+            if (each != nullptr && each->is_lost)
+                tell(*each);
+        }
+    }
+}
+
 void tell_reconnected(Connection &c)
 {
+    if (!c.is_lost)
+        return; /* told already */
     const bool is_same = c.told_instance == c.instance;
     c.told_instance = c.instance;
     c.is_lost = false;

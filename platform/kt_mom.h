@@ -28,7 +28,9 @@
  * 2 means the same database instance; every subscription that stands then gets
  * 29 and scan state 2 again, and one that the program makes anew meanwhile
  * (same database, kind, callback and user data: it replaces the old one) gets
- * them once. Objects that were deleted while the connection was down reach the
+ * them once. Scans of that kind that the old one's callback and user data were
+ * waiting for end without a word: their scan-over would be taken for the end of
+ * the new one's. Objects that were deleted while the connection was down reach the
  * subscription's callback as operation 3, key filled, after the scan that
  * follows the resynchronise. Type 1 means another instance, which may hold
  * other data. Scan state 4 asks for a new scan: the library's queue ran over

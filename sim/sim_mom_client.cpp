@@ -393,7 +393,8 @@ std::shared_ptr<MomSubscription> make(MomConnection &connection, const MomReceiv
 
 /*
  * What the old one has not been told yet and a scan would not show goes to the
- * new one: deletions, and what was published, which is returned.
+ * new one: deletions, and what was published, which is returned. The scans that
+ * the old one was waiting for go on unheard.
  */
 std::vector<MomChangePtr> replace(MomSubscription &old, MomSubscription &by)
 {
@@ -407,6 +408,12 @@ std::vector<MomChangePtr> replace(MomSubscription &old, MomSubscription &by)
             by.missed.insert_or_assign(object::key(*item.change->object), item.change);
         else if (item.change->operation == KT_MOM_PUBLISH)
             published.push_back(item.change);
+    }
+    for (MomScan &scan : old.connection->scans) {
+        if (scan.selector.kind == old.selector.kind &&
+            scan.receiver.callback == old.receiver.callback &&
+            scan.receiver.user == old.receiver.user)
+            scan.receiver.callback = nullptr;
     }
     return published;
 }

@@ -356,6 +356,23 @@ TEST_F(Contract, WhatIsStoredByFieldsIsNotLostEither)
                 ElementsAre("resync", "start", "over", "del secu_mode=2 age_time=5"));
 }
 
+TEST_F(Contract, ASubscriptionMadeAnewHearsNoScanOfTheOldOne)
+{
+    Seen seen;
+    set("index.ifx=1");
+    bool is_first = true;
+    seen.then = [&](const kt_mom_msg &msg) {
+        if (msg.scan_state != KT_MOM_SCAN_START)
+            return;
+        scan(seen);
+        if (std::exchange(is_first, false))
+            kt_mom_subscribe(program, 4, make(PORT), 0, record, &seen);
+    };
+    subscribe(seen);
+    EXPECT_THAT(settled(seen),
+                ElementsAre("resync", "start", "resync", "start", "set index.ifx=1", "over"));
+}
+
 /* One scan must not be half told when the next begins. */
 TEST_F(Contract, WhatAScanShowsToBeGoneComesBeforeALaterScan)
 {

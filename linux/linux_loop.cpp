@@ -125,8 +125,11 @@ void linux_loop_cancel(uint64_t id)
     const auto at = all.due.find(id);
     if (at == all.due.end())
         return;
+    const bool was_first = all.timers.begin()->first.second == id;
     all.timers.erase({at->second, id});
     all.due.erase(at);
+    if (was_first)
+        arm_turn(); /* rather than wake for nothing */
 }
 
 int linux_loop_on_hangup(std::function<void()> function)

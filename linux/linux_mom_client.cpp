@@ -66,6 +66,8 @@ void heard(Connection &c, redis::Reply reply);
 void retry_later(Connection &c);
 void forget_requests(Connection &c);
 void tick(Connection &c);
+bool is_awaiting(const Connection &c);
+void rest_if_answered(Connection &c);
 void tick_within(Connection &c, int64_t micros);
 void probed(Connection &c, const redisReply &reply);
 bool is_silent(Connection &c);
@@ -600,6 +602,7 @@ void answered(Connection &c, redis::Reply reply)
     } else {
         c.was_refused = false;
     }
+    rest_if_answered(c);
 }
 
 /* RESP2: a link that has joined a channel gets PING's answer as an array, else as it is. */
@@ -619,6 +622,7 @@ void heard(Connection &c, redis::Reply reply)
         const std::function<void()> passed = std::move(c.fences.front());
         c.fences.pop_front();
         passed();
+        rest_if_answered(c);
     }
 }
 
@@ -663,7 +667,7 @@ void tick(Connection &c)
         return;
     const int64_t now = linux_loop_now();
     if (now >= c.probe_at) {
-        c.probe_at = now + PROBE_EVERY;
+        c.probe_at = (now / PROBE_EVERY + 1) * PROBE_EVERY; /* all connections at once */
         const auto arguments =
             script_arguments(c, redis::Script::REAP, "", {c.has_owned ? redis::LEASE : "0"});
         request(
@@ -672,8 +676,22 @@ void tick(Connection &c)
         if (c.is_ready)
             fence(c, [] {});
     }
-    const bool is_busy = !c.requests.empty() || !c.fences.empty();
-    tick_within(c, is_busy ? SECOND : c.probe_at - now);
+    tick_within(c, is_awaiting(c) ? SECOND : c.probe_at - now);
+    c.is_watched = is_awaiting(c);
+}
+
+bool is_awaiting(const Connection &c)
+{
+    return !c.requests.empty() || !c.fences.empty();
+}
+
+/* Nothing is under way any more: the loop need not wake before the next probe. */
+void rest_if_answered(Connection &c)
+{
+    if (!c.is_watched || is_awaiting(c) || !c.is_greeted)
+        return;
+    c.is_watched = false;
+    tick_within(c, c.probe_at - linux_loop_now());
 }
 
 /* With its memory full a server still answers. */

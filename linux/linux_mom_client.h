@@ -176,7 +176,8 @@ struct Connection : std::enable_shared_from_this<Connection> {
     const char *awaited = "";  /* what it was waiting for */
     uint64_t tick_timer = 0;
     int64_t probe_at = 0;
-    bool has_owned = false; /* has written owner objects */
+    bool is_watched = false; /* the tick comes early, for what is under way */
+    bool has_owned = false;  /* has written owner objects */
     std::string instance, told_instance;
     std::string last_reason; /* in the log */
     std::array<std::string, redis::SCRIPTS> digests;

@@ -122,10 +122,15 @@ void case_notices(const Bench &bench)
 namespace
 {
 
-double bare_scan(const Bench &bench, long times)
+struct Scanned {
+    double time, processor_time;
+};
+
+Scanned bare_scan(const Bench &bench, long times)
 {
     Child bare({bench.paths.bare, "scan", bench.paths.mom_socket(), std::to_string(times)});
-    return bare_result(bare).ended - bare.started();
+    const Bare result = bare_result(bare);
+    return {result.ended - bare.started(), result.processor_time};
 }
 
 /* From `start`, when the daemon was started or the one before it was killed. */
@@ -133,9 +138,11 @@ void note_sync(Daemon &daemon, double start, uint32_t macs, Figures &figures)
 {
     const double ready = daemon.wait_ready(LONG_PATIENCE);
     double settled = daemon.wait_settled(LONG_PATIENCE);
+    figures["cpu"].push_back(daemon.processor_time());
     size_t held = daemon.macs();
     for (int more = 0; held != macs && more < LOOKS_AGAIN; more++) {
         settled = daemon.wait_settled(LONG_PATIENCE);
+        figures["cpu"].back() = daemon.processor_time();
         held = daemon.macs();
     }
     expect(held == macs, "the daemon has synchronised " + std::to_string(held) + " MACs of " +
@@ -147,10 +154,12 @@ void note_sync(Daemon &daemon, double start, uint32_t macs, Figures &figures)
 /* What a bare client takes for everything once, and with as many more scans as `automatic`. */
 void note_bare(const Bench &bench, uint32_t automatic, Figures &figures)
 {
-    const double once = bare_scan(bench, 1);
-    const double more = bare_scan(bench, 1 + SCANS_TIMED);
-    figures["bare"].push_back(once);
-    figures["bare_required"].push_back(once + (more - once) / SCANS_TIMED * automatic);
+    const Scanned once = bare_scan(bench, 1);
+    const Scanned more = bare_scan(bench, 1 + SCANS_TIMED);
+    figures["bare"].push_back(once.time);
+    figures["bare_cpu"].push_back(once.processor_time);
+    figures["bare_required"].push_back(once.time +
+                                       (more.time - once.time) / SCANS_TIMED * automatic);
 }
 
 void sync_round(const Bench &bench, const Sync &sync)

@@ -31,14 +31,14 @@
  * Changes wait as they were published and are unpacked when they are delivered. A
  * turn of the loop delivers for about five milliseconds.
  *
- * A lost link, a refused write (memory full), an answer that does not come within three
- * seconds, a server that lost its scripts: all end the connection, both links, and it
- * is made anew, after 10 ms growing to 1 s, with jitter. The same server process is
- * reconnect type 2, any other type 1. Connections that were lost together are told to
- * be back together, if the others take no longer than two seconds more: a program
- * should not resynchronise with half of its databases. A server that still loads its
- * data refuses all requests; it is asked again in the same way, and
- * kt_mom_client_connect_sync() waits three seconds for it.
+ * A lost link, a refused write (memory full), an answer that does not come within
+ * three seconds, a server that lost its scripts: all end the connection, both
+ * links, and it is made anew, after 10 ms growing to 1 s, with jitter. The same
+ * server process is reconnect type 2, any other type 1. Connections that were lost
+ * together are told to be back together, if the others take no longer than two
+ * seconds more: a program should not resynchronise with half of its databases. A
+ * server that still loads its data refuses all requests; it is asked again in the
+ * same way, and kt_mom_client_connect_sync() waits three seconds for it.
  *
  * Every five seconds, or sooner when something is due, a client renews its lease
  * (15 s, if it owns objects), has the server delete what has run out (its own and
@@ -46,7 +46,9 @@
  *
  * Limits, each per context and database: 262,144 requests without an answer, and
  * 64 MiB of them unsent (-ENOBUFS beyond); 4,096 subscriptions and 65,536 scans
- * (-ENOSPC); 65,536 changes waiting for one subscription (then scan state 4);
+ * (-ENOSPC); 65,536 changes waiting for one subscription (then scan state 4); what
+ * a program is too slow to take waits in the server, whose own limit (32 MiB unless
+ * it is told otherwise) then costs the connection;
  * 1,048,576 objects known to one subscription and 128 MiB of them, beyond which a
  * deletion made while disconnected may go untold. A watcher that falls behind loses
  * changes; they are counted. A kind is scanned a thousand objects at a time, in no

@@ -2,11 +2,13 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <list>
+#include <poll.h>
 #include <sys/stat.h>
 #include <sys/uio.h>
 #include <unistd.h>
@@ -164,9 +166,14 @@ int write_journal(const linux_log_line &line)
     return sd_journal_sendv(parts, static_cast<int>(std::size(parts)));
 }
 
+/* A pipe that has room takes a line of PIPE_BUF bytes, which is the most, at once. */
 int write_standard_error(const linux_log_line &line)
 {
+    static_assert(LINUX_LOG_LINE_MAX <= PIPE_BUF);
     const std::string text = linux_log_format(line);
+    pollfd room = {STDERR_FILENO, POLLOUT, 0};
+    if (poll(&room, 1, 0) == 0)
+        return -EAGAIN;
     ssize_t written = 0;
     do {
         written = write(STDERR_FILENO, text.data(), text.size());

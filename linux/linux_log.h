@@ -14,9 +14,8 @@
  * NOTICE 5, INFO 6, DEBUG 7; anything else is INFO. Line ends inside the text
  * become blanks and are dropped at its end, so that a line stays a line.
  *
- * The log never stops the process for longer than one write takes: a standard
- * error that is full and non-blocking loses the line (-EAGAIN), one that is
- * gone says -EPIPE. A line has at most 4,096 bytes; the rest is cut off.
+ * The log never stops the process: a standard error that is full loses the line
+ * (-EAGAIN), one that is gone says -EPIPE. A line has at most 4,096 bytes; the rest is cut off.
  *
  * The platform's own lines have the category "linux" and are always written;
  * they are few: connections, reloads, what was refused.

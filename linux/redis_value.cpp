@@ -1,5 +1,6 @@
 #include "linux/redis_value.h"
 
+#include "platform/kt_mom.h"
 #include "proto/key_role.h"
 
 #include <algorithm>
@@ -18,6 +19,13 @@ constexpr uint8_t OWNED = 2;
 constexpr size_t ID_SIZE = 8;
 constexpr size_t NUMBER_SIZE = 4;
 constexpr uint32_t INDEX_NUMBER = 5;
+
+/* What may be told of an object. */
+bool is_told(uint32_t operation)
+{
+    return operation == KT_MOM_SET || operation == KT_MOM_DEL || operation == KT_MOM_HSET ||
+           operation == KT_MOM_PUBLISH;
+}
 
 /* Takes text apart from its front; after the first piece that is not there nothing is. */
 class Pieces
@@ -81,7 +89,7 @@ std::optional<Note> note_of(std::string_view published)
     note.key = pieces.take(high << 8 | pieces.byte());
     note.fields = pieces.take(pieces.byte() * NUMBER_SIZE);
     note.message = pieces.rest();
-    return pieces.is_whole() ? std::optional(note) : std::nullopt;
+    return pieces.is_whole() && is_told(note.operation) ? std::optional(note) : std::nullopt;
 }
 
 std::string note_text(const Note &note)

@@ -31,7 +31,7 @@
  * them once. Scans of that kind that the old one's callback and user data were
  * waiting for end without a word: their scan-over would be taken for the end of
  * the new one's. Objects that were deleted while the connection was down reach the
- * subscription's callback as operation 3, key filled, after the scan that
+ * subscription's callback as operation 3 after the scan that
  * follows the resynchronise. Type 1 means another instance, which may hold
  * other data. Scan state 4 asks for a new scan: the library's queue ran over
  * and it lost changes; a queue is bounded.
@@ -51,7 +51,7 @@
  * written again.
  *
  * Every call returns 0 or a negative errno value: -ENOTCONN when the database
- * is not connected, -ENOENT for an id that was never opened, -EINVAL for a
+ * is not connected, -ENOENT for an id that does not exist, -EINVAL for a
  * message without the key it needs, -ENOMEM, -ENOSPC for a full table. A write
  * that returned 0 is in the database, or the connection is reported lost.
  * Templates and objects are read during the call only.

@@ -361,6 +361,9 @@ TEST_F(MomRedis, WhatIsNoObjectIsReportedOnceAndPassedOver)
         server->command({"HSET", PORT, key, value});
         server->command({"HSET", PORT, "odd key", value});
         server->command({"PUBLISH", std::string("4:") + PORT, value});
+        server->command({"PUBLISH", std::string("4:") + PORT,
+                         "\x1c" + std::string(8, 'w') + std::string(1, '\0') +
+                             static_cast<char>(key.size()) + key + std::string(1, '\0')});
         EXPECT_EQ(stored().size(), 2U) << testing::PrintToString(value);
         EXPECT_EQ(get("index.ifx=7"), "");
         kt_mom_dsbegin_sync(program, 4, make(PORT, "index.ifx=7"), 0, 0);
@@ -369,6 +372,7 @@ TEST_F(MomRedis, WhatIsNoObjectIsReportedOnceAndPassedOver)
     kt_mom_scan(program, 4, make(PORT), 0, record, &seen);
     settle();
     EXPECT_EQ(view.size(), 2U);
+    EXPECT_THAT(seen.lines, testing::Not(testing::Contains("gone")));
     EXPECT_EQ(losses(), 0U);
     const std::string said = testing::internal::GetCapturedStderr();
     EXPECT_THAT(said, HasSubstr("p_bridge.vvlan_port_cfg index.ifx=7 is no object"));

@@ -13,7 +13,7 @@ add_library(your_platform INTERFACE)
 add_executable(ox.vvlan.dp \$<TARGET_OBJECTS:vvlan_main>)
 target_link_libraries(ox.vvlan.dp vvlan_app your_platform)
 END
-cmake -S "$work" -B "$work/build" > "$work/log" 2>&1 || {
+cmake -G Ninja -S "$work" -B "$work/build" > "$work/log" 2>&1 || {
     cat "$work/log"
     exit 1
 }

@@ -21,13 +21,17 @@ make_package() {
         >"$work/cpack.log" 2>&1 || { cat "$work/cpack.log" >&2 && fail "no package"; }
 }
 
+# Below the limit, and what docs/operations.md says it is.
 check_units() {
-    local unit
+    local unit figure
     for unit in vvlan vvlan-mom; do
         systemd-analyze security --offline=true --threshold="$exposure_max" --no-pager \
             "packaging/systemd/$unit.service" >"$work/$unit.security" ||
             { cat "$work/$unit.security" >&2 && fail "$unit.service is exposed"; }
-        tail -n 1 "$work/$unit.security"
+        figure=$(sed -nE '$s/.*: ([0-9.]+) .*/\1/p' "$work/$unit.security")
+        echo "$unit.service: exposure $figure"
+        [[ $(tr '\n' ' ' <docs/operations.md) == *" $figure to \`$unit.service\`"* ]] ||
+            fail "docs/operations.md does not give $figure to $unit.service"
     done
 }
 
@@ -81,7 +85,11 @@ END
     return "$status"
 }
 
-[ "$(id -u)" = 0 ] || fail "a package is installed here in a root of its own, which needs root"
+if [ "$(id -u)" != 0 ]; then
+    echo "$0: SKIPPED, NOTHING WAS CHECKED: the package is installed in a root of its own, which" \
+        "only root can make" >&2
+    exit 0
+fi
 # shellcheck disable=SC2086 # lists of words
 packages_install $packages_package
 build_preset release --target ox.vvlan.dp vvlanctl vvlan_man_pages

@@ -2,8 +2,13 @@
 # An administrator's day with the package, in the root that check_package.sh made:
 # `plain`, where nothing but a shell runs, or `booted`, where systemd does.
 set -Eeuo pipefail
-trap 'echo "line $LINENO: $BASH_COMMAND failed"' ERR
+trap 'echo "line $LINENO: $BASH_COMMAND failed"; tell_why' ERR
 export DEBIAN_FRONTEND=noninteractive
+
+tell_why() {
+    tail -n 20 /tmp/run.log 2>/dev/null || true
+    [ "$way" = plain ] || journalctl -q --no-pager -u vvlan -n 20
+}
 
 say() {
     printf -- '-- %s: %s (%d s)\n' "$way" "$1" "$SECONDS"
@@ -53,26 +58,39 @@ purge() {
     say "purged, and nothing is left"
 }
 
+verify_units() {
+    local said
+    said=$(systemd-analyze verify --man=no vvlan.service vvlan-mom.service 2>&1) || said+=" failed"
+    [ -z "$said" ] || { printf '%s\n' "$said" && return 1; }
+    say "systemd has nothing against the units"
+}
+
+is_quiet() {
+    ! grep -lE '^(ox.vvlan.dp|redis-server|vvlan-)' /proc/[0-9]*/comm
+}
+
 plain() {
     apt-get update -q >/dev/null
     install_version 0.1.0
     say "installed"
     echo "3 259 ge3" >/etc/vvlan/ports
-    runuser -u vvlan-mom -g vvlan -- redis-server /etc/vvlan/mom.conf >/tmp/mom.log 2>&1 &
-    local mom=$!
-    until_true 10 test -S /run/vvlan/mom.sock
-    runuser -u vvlan -- /usr/libexec/vvlan/vvlan-supervise /usr/sbin/ox.vvlan.dp \
-        >/tmp/daemon.log 2>&1 &
-    local daemon=$!
+    verify_units
+    echo "VVLAN_SHELL=/run/vvlan/other.sock" >>/etc/default/vvlan
+    export VVLAN_SHELL=/run/vvlan/other.sock
+    rm -r /run/vvlan /run/ox.vvlan.dp.pid # as after a start of the host
+    /usr/libexec/vvlan/vvlan-run >/tmp/run.log 2>&1 &
+    local run=$!
     until_true 10 vvlanctl shell show-zlog-level
     join_a_port
-    say "a port joins, under the supervisor"
+    say "a port joins, under vvlan-run"
     kill -KILL "$(tr -d '\0' </run/ox.vvlan.dp.pid)"
     until_true 10 vvlanctl shell show-zlog-level
     is_joined
     say "killed, started again, and the port is still joined"
-    kill "$daemon" && wait "$daemon" || true
-    kill "$mom" && wait "$mom" || true
+    if is_quiet >/tmp/processes; then return 1; fi
+    kill "$run" && wait "$run"
+    until_true 5 is_quiet
+    say "stopped, and no process is left"
     purge
 }
 
@@ -117,10 +135,11 @@ booted() {
     say "upgraded: its configuration is kept, the port joined"
 
     before=$(main_pid)
+    rm /run/ox.vvlan.dp.pid # taken for stale
     kill -STOP "$before"
     until_true 30 is_other_process "$before"
     is_joined
-    say "a daemon that hangs is replaced"
+    say "a daemon that hangs is replaced, its pid file made again"
 
     echo "VVLAN_MOM=nowhere" >>/etc/default/vvlan
     systemctl restart vvlan && return 1

@@ -72,7 +72,7 @@ void tick_within(Connection &c, int64_t micros);
 void probed(Connection &c, const redisReply &reply);
 bool is_silent(Connection &c);
 std::vector<std::string_view> script_arguments(const Connection &c, redis::Script script,
-                                               const std::string &kind,
+                                               std::string_view key,
                                                std::initializer_list<std::string_view> arguments);
 
 } // namespace
@@ -332,7 +332,7 @@ void end_connection(Connection &c)
     if (c.is_greeted && (c.has_owned || !c.requests.empty() || !c.held.empty())) {
         bool is_answered = false;
         const auto arguments =
-            script_arguments(c, redis::Script::REAP, "", {c.has_owned ? "-1" : "0"});
+            script_arguments(c, redis::Script::REAP, redis::REAP_KEY, {c.has_owned ? "-1" : "0"});
         request(
             c, arguments, [&](const redis::Reply &) { is_answered = true; }, true);
         const int64_t deadline = linux_loop_now() + FAREWELL;
@@ -580,6 +580,15 @@ void tell_reconnected(Connection &c)
 
 /* --- Answers */
 
+/*
+ * Refusals that every request would meet. Without its scripts (they were flushed) a server
+ * is of no use until they are loaded anew, and that is done where connections are made.
+ */
+bool ends_connection(const redisReply &error)
+{
+    return redis::find_is_demoted(error) || redis::text_of(error).starts_with("NOSCRIPT ");
+}
+
 void answered(Connection &c, redis::Reply reply)
 {
     c.command_heard = linux_loop_now();
@@ -587,8 +596,8 @@ void answered(Connection &c, redis::Reply reply)
         lose(c, std::string(redis::text_of(*reply))); /* "max number of clients reached" */
         return;
     }
-    if (redis::is_error(*reply) && redis::find_is_demoted(*reply)) {
-        c.was_refused = true;
+    if (redis::is_error(*reply) && ends_connection(*reply)) {
+        c.was_refused = redis::find_is_demoted(*reply);
         lose(c, std::string(redis::text_of(*reply)));
         return;
     }
@@ -668,8 +677,8 @@ void tick(Connection &c)
     const int64_t now = linux_loop_now();
     if (now >= c.probe_at) {
         c.probe_at = (now / PROBE_EVERY + 1) * PROBE_EVERY; /* all connections at once */
-        const auto arguments =
-            script_arguments(c, redis::Script::REAP, "", {c.has_owned ? redis::LEASE : "0"});
+        const auto arguments = script_arguments(c, redis::Script::REAP, redis::REAP_KEY,
+                                                {c.has_owned ? redis::LEASE : "0"});
         request(
             c, arguments, [&c](const redis::Reply &reply) { probed(c, *reply); }, true);
         greet_with(c, {"ROLE"}, [&c](const redisReply &reply) { check_role(c, reply); });
@@ -725,11 +734,11 @@ bool is_silent(Connection &c)
 }
 
 std::vector<std::string_view> script_arguments(const Connection &c, redis::Script script,
-                                               const std::string &kind,
+                                               std::string_view key,
                                                std::initializer_list<std::string_view> arguments)
 {
     std::vector<std::string_view> all = {
-        "EVALSHA", c.digests[static_cast<size_t>(script)], "1", kind, c.prefix, c.life, ahead};
+        "EVALSHA", c.digests[static_cast<size_t>(script)], "1", key, c.prefix, c.life, ahead};
     all.insert(all.end(), arguments);
     return all;
 }

@@ -26,6 +26,19 @@
  *
  * Limit: 4,096 open sections a kind ("FULL" beyond). The reaper deletes at most
  * 1,000 objects a call.
+ *
+ * What the server must allow a user of the database, as ACL SETUSER takes it. The
+ * daemon and the tools need the same: whoever is connected runs the reaper, which
+ * deletes objects of any kind, and the commands of a script count as its caller's.
+ * A line card with a number has its own databases, hence channels "20:*" and so on.
+ * Nothing is asked of a Sentinel but SENTINEL get-master-addr-by-name.
+ *
+ *     ~p_bridge.* ~s_bridge.* ~s_cluster.* ~u_bridge.* ~vvlan:*
+ *     &0:* &4:* &6:* &8:*
+ *     +role +select +client|setname +info +ping +script|load +evalsha
+ *     +subscribe +unsubscribe +publish
+ *     +hget +hscan +hset +hdel +hgetall +hlen +type +del +incr +time
+ *     +sadd +srem +smembers +zadd +zrem +zrange +zrangebyscore
  */
 #ifndef LINUX_REDIS_SCRIPT_H
 #define LINUX_REDIS_SCRIPT_H
@@ -37,8 +50,8 @@ namespace redis
 {
 
 /*
- * All take the kind as their one key, and first the channel's prefix ("4:"), the
- * caller's life and how many milliseconds the clock is ahead (tests), then:
+ * All take the kind as their one key (REAP: REAP_KEY), and first the channel's prefix
+ * ("4:"), the caller's life and how many milliseconds the clock is ahead (tests), then:
  *
  * SET     object key, lease of an owner write in ms or 0, life of the object in ms
  *         or 0, message
@@ -50,7 +63,7 @@ namespace redis
  * BEGIN   owner's (0, 1), selection, expiry in ms or 0
  * END     owner's (0, 1), selection
  * DEL_OW  selection
- * REAP    lease in ms; 0 for none, -1 if the life ends. The kind is not used.
+ * REAP    lease in ms; 0 for none, -1 if the life ends.
  *         Answers the ms until something is due, -1 for nothing.
  *
  * A selection is three arguments: 'a' for all, 'k' for one key, 'p' for a key
@@ -59,6 +72,9 @@ namespace redis
 enum class Script { SET, DEL, HSET, BEGIN, END, DEL_OW, REAP };
 
 constexpr size_t SCRIPTS = 7;
+
+/* One that the caller may use: a server with ACLs looks at it. */
+constexpr const char *REAP_KEY = "vvlan:deadlines";
 
 /* How long an owner may be silent, in milliseconds; as text, for the scripts. */
 constexpr const char *LEASE = "15000";

@@ -32,8 +32,9 @@
  * turn of the loop delivers for about five milliseconds.
  *
  * A lost link, a refused write (memory full), an answer that does not come within
- * three seconds, a server that lost its scripts: all end the connection, both
- * links, and it is made anew, after 10 ms growing to 1 s, with jitter. The same
+ * three seconds (during which the loop turns: one that stands still has nobody to
+ * blame), a server that lost its scripts: all end the connection, both links, and it
+ * is made anew, after 10 ms growing to 1 s, with jitter. The same
  * server process is reconnect type 2, any other type 1. Connections that were lost
  * together are told to be back together, if the others take no longer than two
  * seconds more: a program should not resynchronise with half of its databases. A

@@ -69,6 +69,8 @@ void tick(Connection &c);
 bool is_awaiting(const Connection &c);
 void rest_if_answered(Connection &c);
 void tick_within(Connection &c, int64_t micros);
+void look_soon(Connection &c);
+void pardon(Connection &c);
 void probed(Connection &c, const redisReply &reply);
 bool is_silent(Connection &c);
 std::vector<std::string_view> script_arguments(const Connection &c, redis::Script script,
@@ -195,8 +197,10 @@ int request(Connection &c, redis::Arguments arguments, Handler handler, bool is_
         c.held_bytes += held.bytes.size();
         return 0;
     }
-    if (c.requests.empty())
+    if (c.requests.empty()) {
         c.command_heard = linux_loop_now();
+        look_soon(c);
+    }
     c.requests.push_back(std::move(handler));
     c.command.send(arguments);
     return 0;
@@ -225,10 +229,11 @@ int ask(Connection &c, redis::Arguments arguments, redis::Reply *answer)
         const int64_t heard_at = std::max({asked_at, c.command_heard, c.subscriber_heard});
         const int64_t left = heard_at + PATIENCE - linux_loop_now();
         const std::array<redis::Link *, 2> links = {&c.command, &c.subscriber};
-        if (left <= 0)
+        /* A process that was stopped looks once more at what has come meanwhile. */
+        const int moved =
+            redis::links_wait({links.data(), c.changing > 0 ? 2U : 1U}, std::max<int64_t>(left, 0));
+        if (left <= 0 && moved == -ETIMEDOUT)
             lose(c, "no answer in three seconds");
-        else
-            redis::links_wait({links.data(), c.changing > 0 ? 2U : 1U}, left);
     }
     return is_answered ? 0 : -ENOTCONN;
 }
@@ -642,6 +647,7 @@ void retry_later(Connection &c)
     linux_loop_cancel(c.retry_timer);
     linux_loop_cancel(c.tick_timer);
     c.tick_timer = 0;
+    c.tick_at = 0;
     const int64_t wait = jittered(c.backoff);
     c.backoff = std::min(c.backoff * 2, BACKOFF_MAX);
     c.retry_timer = linux_loop_after(wait, [&c] { connect_now(c); });
@@ -659,7 +665,30 @@ void forget_requests(Connection &c)
 void tick_within(Connection &c, int64_t micros)
 {
     linux_loop_cancel(c.tick_timer);
+    c.tick_at = linux_loop_now() + micros;
     c.tick_timer = linux_loop_after(micros, [&c] { tick(c); });
+}
+
+/* A request is made where none was under way. At most one tick a second comes of that. */
+void look_soon(Connection &c)
+{
+    if (c.tick_at > linux_loop_now() + SECOND)
+        tick_within(c, SECOND);
+}
+
+/*
+ * While the loop stood still, what was asked was not sent and what came was not read. That
+ * time is not the server's: by as much as the tick is late, it is taken to have been heard
+ * later.
+ */
+void pardon(Connection &c)
+{
+    const int64_t now = linux_loop_now();
+    if (c.tick_at == 0 || now <= c.tick_at)
+        return;
+    const int64_t late = now - c.tick_at;
+    c.command_heard = std::min(now, c.command_heard + late);
+    c.subscriber_heard = std::min(now, c.subscriber_heard + late);
 }
 
 /*
@@ -668,6 +697,7 @@ void tick_within(Connection &c, int64_t micros)
  */
 void tick(Connection &c)
 {
+    pardon(c);
     if (is_silent(c)) {
         lose(c, "the server has not answered for three seconds");
         return;

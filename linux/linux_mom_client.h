@@ -175,6 +175,7 @@ struct Connection : std::enable_shared_from_this<Connection> {
     int64_t patience_ends = 0; /* when it does */
     const char *awaited = "";  /* what it was waiting for */
     uint64_t tick_timer = 0;
+    int64_t tick_at = 0; /* when it is due; 0 without a connection */
     int64_t probe_at = 0;
     bool is_watched = false; /* the tick comes early, for what is under way */
     bool has_owned = false;  /* has written owner objects */

@@ -292,6 +292,18 @@ TEST_F(MomRedis, AFrozenServerIsLeftAndFoundAgain)
     EXPECT_EQ(view, stored());
 }
 
+TEST_F(MomRedis, AProgramThatStoodStillItselfHasNotLostTheServer)
+{
+    begin();
+    subscribe();
+    EXPECT_EQ(set("index.ifx=1"), 0); /* not sent yet */
+    EXPECT_EQ(server->command({"BLPOP", "nothing", "3.5"}), "") << "the loop is not turned";
+    linux_mom_clock_ahead(0);
+    settle();
+    EXPECT_THAT(link_events, IsEmpty());
+    EXPECT_EQ(view.size(), 1U);
+}
+
 TEST_F(MomRedis, OneLinkThatIsCutIsBothAndNothingIsLost)
 {
     begin();

@@ -151,16 +151,25 @@ int set(kt_global *global, uint32_t db, const ProtobufCMessage *object, bool is_
     });
 }
 
+/* A reply that has come, as the result of a call. */
+int result_of(const redisReply &reply)
+{
+    if (!redis::is_error(reply))
+        return 0;
+    return redis::text_of(reply).starts_with("FULL ") ? -ENOSPC : -EIO;
+}
+
 /* A refusal goes to the callback, if there is one; otherwise it ends the connection. */
 Handler section_handler(Connection &c, kt_mom_callback callback, void *user)
 {
     if (callback == nullptr)
         return {};
     return [&c, receiver = Receiver{c.global, callback, user}](const redis::Reply &reply) {
-        if (!redis::is_error(*reply))
+        const int error = result_of(*reply);
+        if (error == 0)
             return;
-        enqueue_notice(c, [&c, receiver] {
-            call(c, receiver, {KT_MOM_NONE, nullptr, KT_MOM_SECTION_NOTE, -ENOSPC});
+        enqueue_notice(c, [&c, receiver, error] {
+            call(c, receiver, {KT_MOM_NONE, nullptr, KT_MOM_SECTION_NOTE, error});
         });
     };
 }
@@ -354,7 +363,7 @@ ProtobufCMessage *kt_mom_get_sync(kt_global *global, uint32_t db, const Protobuf
             const int failed =
                 ask(c, std::array<std::string_view, 3>{"HGET", name_of(at), at.key}, &reply);
             if (failed != 0 || reply->type != REDIS_REPLY_STRING)
-                return failed;
+                return failed != 0 ? failed : result_of(*reply);
             redis::Unpacked memory;
             const Change stored = change_of(at.kind, at.key, redis::text_of(*reply));
             if (const ProtobufCMessage *object = object_of(c, stored, memory))
@@ -405,10 +414,8 @@ int kt_mom_hset_if_sync(kt_global *global, uint32_t db, const ProtobufCMessage *
                                           redis::pack(*object::copy_key(*object)),
                                           packed(*object, told), packed(*before, told)},
                                          &reply);
-            if (error != 0)
-                return error;
-            if (redis::is_error(*reply))
-                return -EIO;
+            if (error != 0 || redis::is_error(*reply))
+                return error != 0 ? error : result_of(*reply);
             return reply->integer == 0 ? -ESTALE : 0;
         },
         Needs::sync_connection);
@@ -451,7 +458,7 @@ int kt_mom_dsbegin_sync(kt_global *global, uint32_t db, const ProtobufCMessage *
                                   return error;
                               if (expire > 0)
                                   probe_within(c, millis_of(expire));
-                              return redis::is_error(*reply) ? -ENOSPC : 0;
+                              return result_of(*reply);
                           });
 }
 

@@ -484,6 +484,9 @@ TEST_F(MomRedis, WhatIsNoObjectGivesWayToOne)
     /* The kind's place is taken by something else. */
     server->command({"SET", PORT, "a text"});
     EXPECT_THAT(stored(), IsEmpty());
+    int status = 0;
+    EXPECT_EQ(get(peer, PORT, "index.ifx=1", &status), "");
+    EXPECT_EQ(status, -EIO) << "whether there is one cannot be said";
     kt_mom_scan(program, 4, make(PORT), 0, record, &seen);
     kt_mom_dsbegin_sync(program, 4, make(PORT), 0, 0);
     settle();

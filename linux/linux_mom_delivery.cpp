@@ -39,6 +39,7 @@ void start(Connection &c, const SubscriptionPtr &subscription);
 void join(Connection &c, size_t kind);
 void leave(Connection &c, size_t kind);
 void replace(Connection &c, Subscription &old, Subscription &by);
+void forget_unselected(Subscription &subscription);
 void doubt(const Item &item);
 void bid_farewell(Connection &c, const SubscriptionPtr &subscription);
 template <typename Visit> void each_subscription(Connection &c, const Visit &visit);
@@ -159,8 +160,7 @@ int subscribe(Connection &c, const Receiver &receiver, Selector selector, uint32
 {
     auto &standing = c.channels[selector.kind].subscriptions;
     const auto equal = std::ranges::find_if(standing, [&](const SubscriptionPtr &each) {
-        return each->standing != Standing::ENDING && each->receiver == receiver &&
-               each->tag == tag && each->selector.key == selector.key;
+        return each->standing != Standing::ENDING && each->receiver == receiver && each->tag == tag;
     });
     if (equal == standing.end() && c.subscriptions >= SUBSCRIPTIONS_MAX)
         return -ENOSPC;
@@ -539,9 +539,20 @@ void replace(Connection &c, Subscription &old, Subscription &by)
     old.standing = Standing::GONE;
     by.known = std::exchange(old.known, {});
     by.known.doubt_all();
+    forget_unselected(by);
     for (Scan &scan : c.scans) {
         if (scan.receiver == old.receiver && scan.selector.kind == old.selector.kind)
             scan.receiver.callback = nullptr;
+    }
+}
+
+/* Another template may select less than the one before. */
+void forget_unselected(Subscription &subscription)
+{
+    Known::Place place;
+    while (const auto known = subscription.known.next_doubtful(&place)) {
+        if (!subscription.selector.selects(known->key))
+            subscription.known.erase(std::string(known->key));
     }
 }
 

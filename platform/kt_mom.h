@@ -52,8 +52,9 @@
  *
  * Every call returns 0 or a negative errno value: -ENOTCONN when the database
  * is not connected, -ENOENT for an id that does not exist, -EINVAL for a
- * message without the key it needs, -ENOMEM, -ENOSPC for a full table. A write
- * that returned 0 is in the database, or the connection is reported lost.
+ * message without the key it needs, -ENOMEM, -ENOSPC for a full table, -EIO when the
+ * database answers with a refusal. A write that returned 0 is in the database, or
+ * the connection is reported lost.
  * Templates and objects are read during the call only.
  */
 #ifndef PLATFORM_KT_MOM_H
@@ -136,17 +137,17 @@ int kt_mom_client_set_reconnect_cb(kt_global *global, uint32_t db,
 
 /*
  * Subscriptions; match is a kt_mom_match. `user` is handed to the callback as
- * it is. A second subscription with the same database, kind, template,
- * callback and user data replaces the first.
+ * it is. A second subscription with the same database, kind, callback and user
+ * data replaces the first, whatever their templates are.
  */
 int kt_mom_subscribe(kt_global *global, uint32_t db, const ProtobufCMessage *object_template,
                      uint32_t match, kt_mom_callback callback, void *user);
 
 /*
  * Field subscription of an object that is stored field by field: `count`
- * triples (tag, callback, user data), each a subscription of its own. Each
- * gets its own 29 and scan state 2, and every hash set of the object,
- * whichever fields it changed; the hash record lists them.
+ * triples (tag, callback, user data), each a subscription of its own; the tag
+ * tells it from another one, as the callback does. Each gets its own 29 and scan state 2, and every
+ * hash set of the object, whichever fields it changed; the hash record lists them.
  */
 int kt_mom_subscribe_field(kt_global *global, uint32_t db, const ProtobufCMessage *object_template,
                            uint32_t match, const uint32_t *tags, const kt_mom_callback *callbacks,
@@ -187,8 +188,9 @@ int kt_mom_clear_expire(kt_global *global, uint32_t db, const ProtobufCMessage *
 
 /*
  * Fetches one object. status, if not NULL, gets 0 or a negative errno value.
- * Returns the object, to be freed with kt_mom_kt_obj_free(), or NULL when
- * there is none. Freeing NULL does nothing.
+ * Returns the object, to be freed with kt_mom_kt_obj_free(), or NULL: when there
+ * is none, status is 0 then, or when it could not be asked for. Freeing NULL does
+ * nothing.
  */
 ProtobufCMessage *kt_mom_get_sync(kt_global *global, uint32_t db, const ProtobufCMessage *key,
                                   int *status);

@@ -409,6 +409,13 @@ std::vector<MomChangePtr> replace(MomSubscription &old, MomSubscription &by)
         else if (item.change->operation == KT_MOM_PUBLISH)
             published.push_back(item.change);
     }
+    const auto is_unwanted = [&by](const MomChangePtr &change) { /* by another template */
+                                                                 return !by.selector.selects(
+                                                                     object::key(*change->object),
+                                                                     *change->object);
+    };
+    std::erase_if(by.missed, [&](const auto &each) { return is_unwanted(each.second); });
+    std::erase_if(published, is_unwanted);
     for (MomScan &scan : old.connection->scans) {
         if (scan.selector.kind == old.selector.kind &&
             scan.receiver.callback == old.receiver.callback &&
@@ -433,8 +440,7 @@ void end_leases(size_t database)
 bool is_same(const MomSubscription &one, const MomSubscription &other)
 {
     return one.connection == other.connection && one.receiver.callback == other.receiver.callback &&
-           one.receiver.user == other.receiver.user && one.tag == other.tag &&
-           one.selector.key == other.selector.key;
+           one.receiver.user == other.receiver.user && one.tag == other.tag;
 }
 
 } // namespace

@@ -22,9 +22,11 @@
 #include <functional>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <iterator>
 #include <memory>
 #include <netinet/in.h>
 #include <optional>
+#include <sstream>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -589,6 +591,64 @@ TEST_F(ManyMachines, LineCardsInTheSameDatabasesKeepTheirJoinsOnly)
     EXPECT_THAT(objects(REGISTRATION), ElementsAre("index.vid=100"));
     two.kill(SIGTERM);
     EXPECT_THAT(objects(REGISTRATION), IsEmpty()) << "the last writer took it along";
+}
+
+/* Everything that one does to the database, from the daemon's start to its end. */
+void live_through_all(Card &card)
+{
+    card.start();
+    configure(card, "1-2");
+    card.phone_arrives(1);
+    for (const char *words :
+         {"mac learn 1 00:11:22:33:44:55", "show", "show events",
+          "object scan p_bridge.vvlan_glb_cfg",
+          "object publish s_bridge.vvlan_port_noty index.phyid=258", "set cos 5",
+          "object set p_bridge.vvlan_port_cfg index.ifx=4 mode=1",
+          "object del p_bridge.vvlan_port_cfg index.ifx=4", "mac gone 1 00:11:22:33:44:55"})
+        card.configure(words);
+    card.kill(SIGKILL);
+    card.start();
+    EXPECT_TRUE(until([&] { return card.has_synchronised(2); })) << card.log();
+    card.configure("port del 2");
+    card.configure("oui del 00:11:22/24");
+    card.kill(SIGTERM);
+}
+
+/* The rules of the private database's user, which others are told to use as well. */
+TEST_F(ManyMachines, ShippedRightsSufficeAndAllowNothingElse)
+{
+    const Output rules =
+        run("sed -n 's/^user default on nopass//p' " VVLAN_SOURCE_DIR "/packaging/debian/mom.conf");
+    ASSERT_THAT(rules.text, HasSubstr(" +evalsha"));
+    const std::string password_file = directory + "/password";
+    std::ofstream(password_file) << "secret\n";
+    for (const std::string user : {"default", "card"}) {
+        std::vector<std::string> options = {"--user", "admin", "on", "nopass",
+                                            "+@all",  "~*",    "&*", "--user"};
+        for (const char *word : {user.c_str(), "on", user == "card" ? ">secret" : "nopass"})
+            options.emplace_back(word);
+        std::istringstream words(rules.text);
+        options.insert(options.end(), std::istream_iterator<std::string>(words), {});
+        if (user == "card")
+            options.insert(options.end(), {"--user", "default", "off"});
+        RedisServer server(options);
+        server.command({"AUTH", "admin", "-"});
+        LiveDaemon::Environment with = {{"VVLAN_MOM", "unix:" + server.link()}};
+        if (user == "card") {
+            with.emplace_back("VVLAN_MOM_USER", user);
+            with.emplace_back("VVLAN_MOM_PASSWORD_FILE", password_file);
+        }
+        Card card(directory + "/" + user, 1, with);
+        live_through_all(card);
+        EXPECT_EQ(server.command({"ACL", "LOG"}), "");
+        for (const char *more :
+             {"FLUSHALL", "CONFIG GET dir", "KEYS '*'", "SHUTDOWN NOSAVE", "ACL LIST",
+              "HSET other a b", "PUBLISH other text", "REPLICAOF NO ONE"})
+            EXPECT_THAT(run("redis-cli -s " + server.link() + " --no-auth-warning --user " + user +
+                            " --pass secret " + more)
+                            .text,
+                        HasSubstr("NOPERM"));
+    }
 }
 
 } // namespace

@@ -1,5 +1,6 @@
 #include "tests/live/live_daemon.h"
 
+#include <cerrno>
 #include <csignal>
 #include <cstdlib>
 #include <fcntl.h>
@@ -37,13 +38,32 @@ bool enter_namespaces()
     return true;
 }
 
+/*
+ * What we mount is for us only. That is said of a mount, and in a chroot "/" may be a
+ * mere folder of one that cannot be named: joining a namespace leads to its real root,
+ * from which we come back.
+ */
+bool keep_mounts_to_ourselves()
+{
+    const auto make_private = [] {
+        return mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0;
+    };
+    if (make_private())
+        return true;
+    if (errno != EINVAL)
+        return false;
+    const int root = open("/", O_PATH | O_DIRECTORY | O_CLOEXEC);
+    const int own = open("/proc/self/ns/mnt", O_RDONLY | O_CLOEXEC);
+    return setns(own, CLONE_NEWNS) == 0 && make_private() && fchdir(root) == 0 && chroot(".") == 0;
+}
+
 bool take_own_directories(const std::string &directory)
 {
     const auto bind = [](const std::string &from, const char *to) {
         return mount(from.c_str(), to, nullptr, MS_BIND | MS_REC, nullptr) == 0;
     };
-    return enter_namespaces() && mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
-           bind(directory + "/run", "/run") && bind(directory + "/tmp", "/var/tmp");
+    return enter_namespaces() && keep_mounts_to_ourselves() && bind(directory + "/run", "/run") &&
+           bind(directory + "/tmp", "/var/tmp");
 }
 
 } // namespace

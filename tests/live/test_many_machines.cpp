@@ -263,7 +263,8 @@ TEST_F(Tls, RefusesEveryServerButTheRightOneAndSaysWhy)
         with[1].second = ca;
         EXPECT_THAT(refusal(with), HasSubstr(sentence));
     }
-    EXPECT_THAT(refusal(environment("localhost")), HasSubstr("certificate is not for localhost"));
+    const char *other = "127.1"; /* the same host by another name, which needs no resolver */
+    EXPECT_THAT(refusal(environment(other)), HasSubstr("certificate is not for 127.1"));
     start("old");
     EXPECT_THAT(refusal(environment()), HasSubstr("certificate has expired"));
     server.reset();

@@ -1,7 +1,9 @@
 /* vvlanctl as a program: exit statuses, two at once, the debug shell at a terminal, completion. */
+#include <cerrno>
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <gmock/gmock.h>
@@ -85,6 +87,7 @@ public:
     explicit Terminal(const std::string &command)
     {
         pid = forkpty(&fd, nullptr, nullptr, nullptr);
+        EXPECT_GE(pid, 0) << "no terminal (is devpts mounted at /dev/pts?): " << strerror(errno);
         if (pid == 0) {
             setenv("TERM", "dumb", 1);
             execl("/bin/sh", "sh", "-c", command.c_str(), nullptr);
@@ -93,6 +96,8 @@ public:
     }
     ~Terminal()
     {
+        if (pid < 0)
+            return;
         kill(pid, SIGKILL);
         waitpid(pid, nullptr, 0);
         close(fd);
@@ -108,6 +113,7 @@ public:
     void expect(const std::string &wanted)
     {
         size_t at = 0;
+        ASSERT_GE(fd, 0);
         while ((at = screen.find(wanted)) == std::string::npos) {
             pollfd output{fd, POLLIN, 0};
             ASSERT_EQ(poll(&output, 1, static_cast<int>(PATIENCE.count() * 1000)), 1)

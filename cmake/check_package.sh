@@ -57,7 +57,7 @@ make_root() {
 # Host names and mirrors as here, services kept from starting by a policy.
 in_plain_root() {
     unshare --mount --pid --fork --kill-child --mount-proc="$root/proc" \
-        chroot "$root" /check plain
+        chroot "$root" /check plain "$version"
 }
 
 in_booted_root() {
@@ -71,7 +71,7 @@ FailureAction=exit
 FailureActionExitStatus=1
 [Service]
 Type=oneshot
-ExecStart=/check booted
+ExecStart=/check booted $version
 StandardOutput=file:/check.log
 StandardError=inherit
 TimeoutStartSec=240
@@ -95,10 +95,11 @@ packages_install $packages_package
 build_preset release --target ox.vvlan.dp vvlanctl vvlan_man_pages
 mkdir -p "$work"
 rm -f "$work"/vvlan_*.deb
-make_package 0.1.0
-make_package 0.1.1
+version=$(sed -n 's/^CMAKE_PROJECT_VERSION:STATIC=//p' build/release/CMakeCache.txt)
+make_package "$version"
+make_package "$version.1"
 lintian --fail-on error,warning --suppress-tags-from-file packaging/debian/lintian \
-    "$work/vvlan_0.1.0_amd64.deb" || fail "lintian is not content"
+    "$work/vvlan_${version}_amd64.deb" || fail "lintian is not content"
 check_units
 make_base
 trap 'rm -rf "$root"' EXIT

@@ -1,6 +1,7 @@
 #!/bin/bash
 # An administrator's day with the package, in the root that check_package.sh made:
-# `plain`, where nothing but a shell runs, or `booted`, where systemd does.
+# `plain`, where nothing but a shell runs, or `booted`, where systemd does. The
+# second argument is the version that is installed first.
 set -Eeuo pipefail
 trap 'echo "line $LINENO: $BASH_COMMAND failed"; tell_why' ERR
 export DEBIAN_FRONTEND=noninteractive
@@ -37,6 +38,7 @@ is_joined() {
 
 # Of the phone's life only that it joins: the rest is tested elsewhere.
 join_a_port() {
+    redis-cli -s /run/vvlan/mom.sock CONFIG GET dir 2>&1 | grep -q NOPERM
     vvlanctl oui add 00:11:22/24
     vvlanctl set vlan 100 switch on
     vvlanctl port auto 3
@@ -71,7 +73,7 @@ is_quiet() {
 
 plain() {
     apt-get update -q >/dev/null
-    install_version 0.1.0
+    install_version "$version"
     say "installed"
     echo "3 259 ge3" >/etc/vvlan/ports
     verify_units
@@ -104,8 +106,9 @@ is_other_process() {
 }
 
 booted() {
-    install_version 0.1.0
-    until_true 30 systemctl is-active vvlan vvlan-mom
+    install_version "$version"
+    until_true 30 systemctl is-active vvlan-mom
+    until_true 30 systemctl is-active vvlan
     say "installed, and ready"
     : >/etc/vvlan/ports
     systemctl restart vvlan
@@ -126,7 +129,7 @@ booted() {
     echo "VVLAN_SHELL=/run/vvlan/other.sock" >>/etc/default/vvlan
     systemctl daemon-reload
     before=$(main_pid)
-    install_version 0.1.1
+    install_version "$version.1"
     until_true 30 is_other_process "$before"
     grep -q other.sock /etc/default/vvlan
     is_joined
@@ -151,5 +154,5 @@ booted() {
     purge
 }
 
-way=$1
+way=$1 version=$2
 "$way"

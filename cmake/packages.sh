@@ -10,7 +10,7 @@ packages_test="$packages_live libgtest-dev libgmock-dev git openssl python3 zsh"
 packages_coverage="$packages_test gcovr"
 packages_bench="$packages_live libbenchmark-dev gnuplot-nox python3"
 packages_check="$packages_test clang clang-format clang-tidy groff man-db mandoc bsdextrautils"
-packages_package="$packages_run debootstrap lintian systemd systemd-container"
+packages_package="$packages_run dpkg-dev file debootstrap lintian systemd systemd-container"
 
 # Prints those of the named packages that are not installed.
 packages_missing() {

@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# clang-tidy over our sources, as the clang preset compiles them (build that first).
+# clang-tidy over our sources but the tests and the bench, as the clang preset compiles
+# them (build that first).
 # Arguments choose files: cmake/check_tidy.sh app/proc/udp_vvlan_mac.cpp
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Line coverage of the daemon by all tests: the figure per file, and failure
-# below the limit. The lines that are not reached are listed by --missed.
+# Line coverage of the daemon by the tests that need no database: the figure per file,
+# and failure below the limit. --missed lists the lines that are not reached as well.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 . cmake/packages.sh

@@ -26,13 +26,13 @@ constexpr bench::Sync FULL_SYNCS[] = {{"empty", {1, 1, 0}, 0, 7},
                                       {"office", {48, 127, 1008}, 48, 7},
                                       {"eighth", {512, 127, 8192}, 512, 3},
                                       {"automatic", {4096, 127, 65536}, 4096, 1}};
-constexpr bench::Scale FULL = {{4096, 127, 65536}, 200'000, 15, 1000, 60, FULL_SYNCS};
+constexpr bench::Scale FULL = {{4096, 127, 65536}, 200'000, 15, 1000, 250'000, 60, FULL_SYNCS};
 
 constexpr bench::Sync SHORT_SYNCS[] = {{"empty", {1, 1, 0}, 0, 1},
                                        {"manual", {256, 127, 4096}, 0, 1},
                                        {"office", {48, 127, 1008}, 48, 1},
                                        {"automatic", {64, 127, 4096}, 64, 1}};
-constexpr bench::Scale SHORT = {{256, 127, 4096}, 20'000, 1, 80, 10, SHORT_SYNCS};
+constexpr bench::Scale SHORT = {{256, 127, 4096}, 20'000, 1, 80, 50'000, 10, SHORT_SYNCS};
 
 std::string beside_me(const std::string &name)
 {
@@ -66,6 +66,7 @@ struct Case {
 
 constexpr Case CASES[] = {{"notices", bench::case_notices},
                           {"latency", bench::case_latency},
+                          {"watch", bench::case_watch},
                           {"memory", bench::case_memory_and_idle},
                           {"synchronise", bench::case_synchronise}};
 

@@ -2,11 +2,14 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <fcntl.h>
 #include <fstream>
 #include <functional>
 #include <optional>
 #include <sstream>
 #include <stdexcept>
+#include <unistd.h>
+#include <utility>
 
 namespace bench
 {
@@ -17,6 +20,7 @@ namespace
 constexpr double PATIENCE = 60;
 constexpr double LONG_PATIENCE = 3600;
 constexpr double OTHER_EVENTS = 10'000; /* a second, beside the latency */
+constexpr double WATCHED_RATE = 50'000; /* changes a second that a watch is to keep up with */
 constexpr uint32_t BURST_MAX = 60'000;  /* fewer changes than wait for a subscription at most */
 constexpr int LOOKS_AGAIN = 3;          /* after a pause that was taken for the end */
 constexpr long SCANS_TIMED = 32;        /* for the cost of one */
@@ -141,6 +145,7 @@ void note_sync(Daemon &daemon, double start, uint32_t macs, Figures &figures)
     figures["cpu"].push_back(daemon.processor_time());
     size_t held = daemon.macs();
     for (int more = 0; held != macs && more < LOOKS_AGAIN; more++) {
+        rest(1);
         settled = daemon.wait_settled(LONG_PATIENCE);
         figures["cpu"].back() = daemon.processor_time();
         held = daemon.macs();
@@ -299,6 +304,108 @@ void feed_forever(const std::string &socket, const Size &size, double rate)
         next += STEP;
         writer.run_until([] { return false; }, std::max(0.0, next - now()));
     }
+}
+
+/* --- Watch */
+
+namespace
+{
+
+/* The tool's watch with its lines in a file, as when somebody looks for a rare fault. */
+class Watch
+{
+public:
+    explicit Watch(const Paths &paths)
+        : path_(paths.directory + "/watched"),
+          tool_({paths.tool, "--mom", "unix:" + paths.mom_socket(), "watch", "--since-start"},
+                [this] {
+                    const int fd = open(path_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+                    return dup2(fd, STDOUT_FILENO) >= 0;
+                })
+    {
+        wait_for([this] { return is_ready_; }, "the watch does not begin");
+    }
+
+    void wait_for(const std::function<bool()> &done, const char *otherwise)
+    {
+        const double start = now();
+        for (read(); !done(); read()) {
+            expect(now() - start < PATIENCE, otherwise);
+            rest(0.01);
+        }
+    }
+
+    ~Watch()
+    {
+        unlink(path_.c_str());
+    }
+
+    double processor_time() const
+    {
+        return tool_.processor_time();
+    }
+
+    double told = 0, skipped = 0;
+
+private:
+    /* Each line that has come to its end. */
+    void read()
+    {
+        if (!file_.is_open())
+            file_.open(path_);
+        file_.clear();
+        for (std::string chunk; std::getline(file_, chunk);) {
+            line_ += chunk;
+            if (file_.eof())
+                return; /* the rest of the line is still to come */
+            take(std::exchange(line_, {}));
+        }
+    }
+
+    void take(const std::string &line)
+    {
+        const size_t skip = line.find(" skipped: ");
+        is_ready_ |= line.ends_with("changes follow");
+        if (skip != std::string::npos)
+            skipped += std::strtod(line.c_str() + line.find("--") + 2, nullptr);
+        else
+            told += line.find("  db 6  ") != std::string::npos;
+    }
+
+    std::string path_;
+    Child tool_;
+    std::ifstream file_;
+    std::string line_;
+    bool is_ready_ = false;
+};
+
+void watch_flood(const Bench &bench, const std::string &name, Flood &flood, double rate)
+{
+    Watch watch(bench.paths);
+    const double used = watch.processor_time();
+    const double start = now();
+    flood.run(rate);
+    const double sent = now();
+    watch.wait_for([&] { return watch.told + watch.skipped > bench.scale.watched; },
+                   "the watch neither tells of all changes nor says how many it skipped");
+    const double all = bench.scale.watched + 1; /* and the marker */
+    expect(watch.told + watch.skipped == all, "the watch tells of more changes than there were");
+    Figures &figures = bench.results[name];
+    figures["rate"].push_back(all / (sent - start));
+    figures["told"].push_back(watch.told / all);
+    figures["seconds"].push_back(now() - start);
+    figures["cpu"].push_back((watch.processor_time() - used) / all);
+}
+
+} // namespace
+
+void case_watch(const Bench &bench)
+{
+    bench.server.clear();
+    const Size &size = bench.scale.size;
+    Flood flood(bench.paths.mom_socket(), size, bench.scale.watched, Noti(size, 0));
+    watch_flood(bench, "live/watch/steady", flood, WATCHED_RATE);
+    watch_flood(bench, "live/watch/at_once", flood, 0);
 }
 
 /* --- Memory and rest */

@@ -41,6 +41,7 @@ struct Scale {
     uint32_t notices; /* a round */
     uint32_t rounds;  /* of these */
     uint32_t samples; /* of a latency */
+    uint32_t watched; /* changes for the tool to tell of */
     double idle;      /* seconds */
     std::span<const Sync> syncs;
 };
@@ -60,6 +61,8 @@ void case_notices(const Bench &bench);
 void case_synchronise(const Bench &bench);
 /* From a port notice to the join record. */
 void case_latency(const Bench &bench);
+/* What the tool's watch tells of when changes come at a steady rate, and all at once. */
+void case_watch(const Bench &bench);
 /* Bytes per port and MAC; what the daemon does when nothing happens. */
 void case_memory_and_idle(const Bench &bench);
 

@@ -9,6 +9,7 @@
 #include <stdexcept>
 #include <utility>
 
+#include "bench/bench_live_host.h"
 #include "linux/linux_env.h"
 #include "linux/linux_loop.h"
 #include "linux/linux_mom.h"
@@ -155,9 +156,13 @@ Flood::~Flood()
     redisFree(context_);
 }
 
-void Flood::run()
+void Flood::run(double rate)
 {
+    double due = now();
     for (size_t at = 0; at < batches_.size(); at++) {
+        if (rate > 0)
+            rest(std::max(0.0, due - now()));
+        due += static_cast<double>(counts_[at]) / rate;
         redisAppendFormattedCommand(context_, batches_[at].data(), batches_[at].size());
         for (size_t left = counts_[at]; left > 0; left--) {
             void *reply = nullptr;

@@ -62,7 +62,8 @@ public:
     Flood(const Flood &) = delete;
     Flood &operator=(const Flood &) = delete;
 
-    void run();
+    /* `rate`: notifications a second; 0: as fast as the server takes them. */
+    void run(double rate = 0);
 
 private:
     redisContext *context_;

@@ -27,8 +27,8 @@ namespace bench
 namespace
 {
 
-constexpr double STILL = 0.5; /* without processor time: nothing is left to do */
 constexpr double LOOK_EVERY = 0.001;
+constexpr int LOOKS = 500; /* without processor time: nothing is left to do */
 constexpr double ANSWER_PATIENCE = 30;
 
 [[noreturn]] void fail(const std::string &what);
@@ -128,6 +128,15 @@ void Child::kill()
     ::kill(pid_, SIGKILL);
     waitpid(pid_, nullptr, 0);
     pid_ = -1;
+}
+
+double Child::processor_time() const
+{
+    clockid_t clock;
+    timespec time;
+    if (clock_getcpuclockid(pid_, &clock) != 0 || clock_gettime(clock, &time) != 0)
+        throw std::runtime_error("a process has ended that was still needed");
+    return seconds_of(time);
 }
 
 std::string Paths::mom_socket() const
@@ -251,18 +260,21 @@ double Daemon::wait_ready(double patience)
     }
 }
 
+/* Looks are counted, not seconds: when the whole machine stands still, so does the daemon. */
 double Daemon::wait_settled(double patience)
 {
     const double end = now() + patience;
     double used = processor_time();
     double moved_at = now();
-    while (now() - moved_at < STILL) {
+    for (int still = 0; still < LOOKS; still++) {
         if (now() > end)
             throw std::runtime_error("the daemon does not settle");
         rest(LOOK_EVERY);
         const double use = processor_time();
-        if (use > used)
+        if (use > used) {
             moved_at = now();
+            still = 0;
+        }
         used = use;
     }
     return moved_at;
@@ -304,11 +316,7 @@ size_t Daemon::macs()
 
 double Daemon::processor_time() const
 {
-    clockid_t clock;
-    timespec time;
-    if (clock_getcpuclockid(child_.pid(), &clock) != 0 || clock_gettime(clock, &time) != 0)
-        throw std::runtime_error("the daemon has ended");
-    return seconds_of(time);
+    return child_.processor_time();
 }
 
 double Daemon::resident_bytes() const

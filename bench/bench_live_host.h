@@ -48,6 +48,8 @@ public:
     /* Waits until it ends; throws unless its status is 0. */
     void finish();
     void kill();
+    /* What it has used so far. */
+    double processor_time() const;
 
 private:
     pid_t pid_;
@@ -100,8 +102,8 @@ public:
     /* When it told the restart manager that it has synchronised. */
     double wait_ready(double patience);
     /*
-     * When it last did something before it took no processor time for half a
-     * second, so that nothing is left to do.
+     * When it last did something before it took no processor time at 500 looks in
+     * turn, a millisecond apart, so that nothing is left to do.
      */
     double wait_settled(double patience);
     /* What a command of the debug shell prints. */

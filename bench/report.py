@@ -151,6 +151,7 @@ class Report:
         self.live_sync("sync_first", "First synchronisation, from the daemon's start")
         self.live_sync("restart", "Restart, from SIGKILL (started again at once, no supervisor)")
         self.live_latency()
+        self.live_watch()
         memory = self.results["live/memory"]
         print(f"\nResident memory of the daemon: {memory['empty'][0] / 1e6:.1f} MB,"
               f" {memory['port'][0]:.0f} bytes a port, {memory['mac'][0]:.0f} bytes a MAC;"
@@ -206,6 +207,15 @@ class Report:
                 found = self.results[f"live/latency/{way}/{load}"]["latency"]
                 print(f"{way:8} {load}   p50 {percentile(found, 0.5) * 1e6:8.0f}"
                       f"   p99 {percentile(found, 0.99) * 1e6:8.0f}   of {len(found)}")
+
+    def live_watch(self):
+        print("\nThe tool's watch into a file; what it does not tell of it counts, which is"
+              " checked\n\n"
+              "                changes      told          took   processor time")
+        for way, words in (("steady", "steady"), ("at_once", "at once")):
+            entry = self.results[f"live/watch/{way}"]
+            print(f"{words:8} {entry['rate'][0]:12.0f}/s {entry['told'][0]:9.1%}"
+                  f" {entry['seconds'][0]:11.2f} s   {entry['cpu'][0] * 1e6:.2f} us a change")
 
 
 def main():

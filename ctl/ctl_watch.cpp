@@ -37,6 +37,11 @@ struct Change {
     const ProtobufCMessage &object;
     std::span<const uint32_t> fields;
     bool is_standing;
+
+    std::string operation_name() const
+    {
+        return is_standing ? "stands" : ctl::operation_name(operation);
+    }
 };
 
 /* Lines on their way to the output. */
@@ -135,7 +140,6 @@ Watch *watch_now = nullptr;
 
 void watch_with(const Context &context, const WatchOptions &options,
                 std::span<const uint32_t> databases, const std::function<void(Watch &)> &prepare);
-const char *operation_name(const Change &change);
 std::string utc_now();
 
 } // namespace
@@ -329,6 +333,7 @@ void Watch::write_later()
 void Watch::write_from_timer()
 {
     is_timer_armed = false;
+    tell_of_skipped(); /* those that no later change would give occasion for */
     queue.write();
     write_later();
 }
@@ -339,7 +344,7 @@ std::string Watch::line_of(const Change &change)
         Json json = json_document();
         json["time"] = utc_now();
         json["db"] = change.db;
-        json["operation"] = operation_name(change);
+        json["operation"] = change.operation_name();
         json["kind"] = change.object.descriptor->name;
         json["object"] = json_message(change.object);
         json["fields"] = Json::array();
@@ -354,7 +359,7 @@ std::string Watch::line_of(const Change &change)
     const std::string head = stamp() + "  db " + std::to_string(change.db) + "  ";
     if (in_words)
         return head + words::change(change.operation, change.object, change.fields);
-    return head + operation_name(change) + " " + change.object.descriptor->name + " " +
+    return head + change.operation_name() + " " + change.object.descriptor->name + " " +
            object::to_text(change.object);
 }
 
@@ -472,24 +477,6 @@ size_t count_or(const std::string &text, size_t standard, const std::string &wha
     if (!text.empty() && count == 0)
         throw Failure{USAGE, "\"" + text + "\": expected " + what + ", at least 1"};
     return count;
-}
-
-const char *operation_name(const Change &change)
-{
-    if (change.is_standing)
-        return "stands";
-    switch (change.operation) {
-    case KT_MOM_SET:
-        return "set";
-    case KT_MOM_DEL:
-        return "del";
-    case KT_MOM_HSET:
-        return "hset";
-    case KT_MOM_PUBLISH:
-        return "publish";
-    default:
-        return "unknown";
-    }
 }
 
 std::string utc_now()

@@ -5,8 +5,8 @@
 # live_play: a phone's life from plug to unplug, then everything is stopped.
 # live_stay: the same processes, left up for a person to play with.
 
-live_programs=build/release/bin
-live_dir="" live_redis="" live_daemon="" live_stays=""
+live_programs=build/release/bin live_pid_file=/run/ox.vvlan.dp.pid
+live_dir="" live_redis="" live_daemon="" live_stays="" live_namespace="" live_takes_run=""
 
 live_play() {
     live_start
@@ -51,7 +51,7 @@ It stays up. To play the phone, type:
 
 Logs are in $live_dir. To stop and forget everything:
 
-  kill $live_daemon $live_redis; rm -r $live_dir
+  kill $live_daemon $live_redis; rm -r $live_dir${live_takes_run:+ $live_pid_file}
 END
 }
 
@@ -113,7 +113,16 @@ live_is_other_daemon() {
 # The daemon's pid file and debug level lie under /run and /var/tmp, which only
 # root may write and another daemon may use: give it those of its own.
 live_check_host() {
-    unshare -Urm true 2>/dev/null || [ "$(id -u)" = 0 ] && return 0
+    for live_namespace in "unshare -Urm" "unshare -m"; do
+        $live_namespace true 2>/dev/null && return
+    done
+    live_namespace="" # as for root in a chroot: the real ones, if nobody has them
+    if [ "$(id -u)" = 0 ]; then
+        [ -e "$live_pid_file" ] || { live_takes_run=yes && return; }
+        echo "$0: another daemon seems to have $live_pid_file, and this host does not let us make" \
+            "namespaces, in which ours would get a /run of its own." >&2
+        exit 1
+    fi
     echo "$0: this host does not let users make namespaces (unshare -Urm), in which the daemon" \
         "gets a /run of its own; allow them (sysctl kernel.unprivileged_userns_clone=1, or" \
         "kernel.apparmor_restrict_unprivileged_userns=0) or run this as root." >&2
@@ -121,12 +130,9 @@ live_check_host() {
 }
 
 live_in_own_host() {
-    if ! unshare -Urm true 2>/dev/null; then # we are root, and the daemon gets the real ones
-        rm -rf "$live_dir/run" && ln -s /run "$live_dir/run"
-        exec "$@"
-    fi
-    # shellcheck disable=SC2016 # expanded by that shell
-    exec unshare -Urm sh -c '
+    [ -z "$live_takes_run" ] || exec "$@"
+    # shellcheck disable=SC2016,SC2086 # expanded by that shell; two words
+    exec $live_namespace sh -c '
         mount --bind "$0/run" /run && mount --bind "$0/tmp" /var/tmp && exec "$@"' \
         "$live_dir" "$@"
 }
@@ -136,7 +142,8 @@ live_start() {
     live_dir=$(mktemp -d /tmp/vvlan-live.XXXXXX)
     trap live_stop EXIT
     trap 'exit 130' INT TERM
-    mkdir "$live_dir/run" "$live_dir/tmp"
+    mkdir "$live_dir/tmp"
+    if [ -n "$live_takes_run" ]; then ln -s /run "$live_dir/run"; else mkdir "$live_dir/run"; fi
     export VVLAN_MOM=unix:$live_dir/mom.sock VVLAN_SHELL=$live_dir/shell.sock
     export VVLAN_PORTS=$live_dir/ports
     for ifx in 1 2 3 4 5 6 7 8; do
@@ -145,8 +152,9 @@ live_start() {
     echo 4 >"$live_dir/tmp/udp_vvlan_debug"
 
     live_say "a private Redis and the daemon, under its supervisor, in $live_dir"
-    setsid redis-server --port 0 --unixsocket "$live_dir/mom.sock" --unixsocketperm 770 \
-        --dir "$live_dir" --save "" --appendonly no --daemonize no \
+    grep -v '^dir ' packaging/debian/mom.conf >"$live_dir/mom.conf" # it would go there at once
+    setsid redis-server "$live_dir/mom.conf" --unixsocket "$live_dir/mom.sock" \
+        --dir "$live_dir" --appendonly no --daemonize no \
         >"$live_dir/redis.log" 2>&1 </dev/null &
     live_redis=$!
     live_wait 10 "Redis" test -S "$live_dir/mom.sock"
@@ -170,5 +178,5 @@ live_stop() {
         kill "$pid" 2>/dev/null || true
         wait "$pid" 2>/dev/null || true
     done
-    rm -rf "$live_dir"
+    rm -rf "$live_dir" ${live_takes_run:+"$live_pid_file"}
 }

@@ -12,14 +12,14 @@
 #include <fstream>
 #include <hiredis/hiredis.h>
 #include <poll.h>
-#include <sched.h>
 #include <stdexcept>
-#include <sys/mount.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
+
+#include "isolation/own_directories.h"
 
 namespace bench
 {
@@ -365,27 +365,11 @@ bool write_file(const std::string &path, const std::string &text)
     return file.good();
 }
 
-/* In the child: /run and /var/tmp become folders of this run, for this process only. */
+/* In the child, which tells little in its log. */
 bool become_own_host(const std::string &directory)
 {
-    const auto user = std::to_string(getuid());
-    const auto group = std::to_string(getgid());
-    if (unshare(CLONE_NEWUSER | CLONE_NEWNS) == 0) {
-        if (!write_file("/proc/self/setgroups", "deny") ||
-            !write_file("/proc/self/uid_map", "0 " + user + " 1") ||
-            !write_file("/proc/self/gid_map", "0 " + group + " 1"))
-            return false;
-    } else if (unshare(CLONE_NEWNS) != 0) {
-        return false;
-    }
-    const std::string run = directory + "/run";
-    const std::string tmp = directory + "/tmp";
-    std::filesystem::create_directory(run);
-    std::filesystem::create_directory(tmp);
-    return write_file(tmp + "/udp_vvlan_debug", "1") &&
-           mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
-           mount(run.c_str(), "/run", nullptr, MS_BIND, nullptr) == 0 &&
-           mount(tmp.c_str(), "/var/tmp", nullptr, MS_BIND, nullptr) == 0;
+    own_directories_make(directory);
+    return write_file(directory + "/tmp/udp_vvlan_debug", "1") && own_directories_enter(directory);
 }
 
 int listen_for_notices(const std::string &directory)

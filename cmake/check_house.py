@@ -33,6 +33,7 @@ MAY_INCLUDE = {
     "sim": {"proto", "platform", "object", "mom", "frame", "fastpath", "text", "shell", "words"},
     "linux": {"proto", "platform", "object", "mom", "fastpath", "shell"},
     "ctl": {"proto", "platform", "object", "mom", "words", "linux"},
+    "isolation": set(),
     "bin": None,
     "tests": None,
     "bench": None,

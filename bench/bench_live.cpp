@@ -5,7 +5,8 @@
  *     vvlan_bench_live [--short] [--only CASE] DIRECTORY PROGRAMS RESULTS
  *
  * DIRECTORY is for sockets and files of this run, PROGRAMS holds the daemon and
- * the tool, RESULTS is the JSON file to write. What it starts ends with it.
+ * the tool, RESULTS is the JSON file to write. What it starts ends with it. It
+ * starts itself as the writer of other events, which is what --feed is for.
  */
 #include <cstdio>
 #include <cstdlib>

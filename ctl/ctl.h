@@ -68,6 +68,9 @@ struct Host {
     /* Why the last connection could not be made, as far as the platform knows; or empty. */
     std::function<std::string()> trouble;
 
+    /* What the server said when it refused a request of a connection that worked; or empty. */
+    std::function<std::string()> refusal;
+
     /*
      * Runs the event loop until done() holds, asked after every callback, or
      * `milliseconds` have passed (negative: no limit), or the person

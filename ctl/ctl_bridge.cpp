@@ -39,7 +39,8 @@ uint32_t vlan_or_voice(Databases &databases, const std::string &vlan);
 std::vector<uint32_t> phyids_of(const Context &context, Databases &databases,
                                 const std::vector<uint32_t> &ports);
 uint32_t learnt_on(Databases &databases, uint32_t vlan, const Mac &mac);
-void warn_of_stranger(const Context &context, Databases &databases, uint32_t port, const Mac &mac);
+void tell_strangers(const Context &context, Databases &databases, uint32_t port, uint32_t vlan,
+                    const std::vector<Mac> &macs);
 
 } // namespace
 
@@ -81,9 +82,8 @@ void bridge_learn(const Context &context, const std::string &port, const Strings
         text += (text.empty() ? "" : "; ") + words::change(KT_MOM_SET, message.notice.base, {});
     }
     databases.settle();
-    if (!context.json)
-        warn_of_stranger(context, databases, ifx, wanted.front());
     report(context, text);
+    tell_strangers(context, databases, ifx, vid, wanted);
 }
 
 void bridge_gone(const Context &context, const Strings &words, const std::string &vlan)
@@ -170,17 +170,23 @@ uint32_t learnt_on(Databases &databases, uint32_t vlan, const Mac &mac)
     return reinterpret_cast<const UBridge__MacVidRegNoti *>(found.get())->port_id;
 }
 
-/* The daemon drops such an address without a word, which is hard to find out later. */
-void warn_of_stranger(const Context &context, Databases &databases, uint32_t port, const Mac &mac)
+/* The daemon drops such addresses without a word, which is hard to find out later. */
+void tell_strangers(const Context &context, Databases &databases, uint32_t port, uint32_t vlan,
+                    const std::vector<Mac> &macs)
 {
     const auto ports = ports_read(databases);
     const auto found = ports.find(port);
-    if (found == ports.end() || !found->second.enabled || !found->second.automatic)
-        context.host.err << "vvlanctl: note: port " << port
-                         << " is not in automatic mode, where addresses do not count\n";
-    else if (!oui_match(ouis_read(databases), mac))
-        context.host.err << "vvlanctl: note: " << words::mac(mac)
-                         << " belongs to no OUI, so it does not count as a voice device\n";
+    const auto obstacle = macs_obstacle(settings_read(databases),
+                                        found == ports.end() ? nullptr : &found->second, vlan);
+    if (obstacle)
+        return note(context, "addresses on port " + std::to_string(port) + " in VLAN " +
+                                 std::to_string(vlan) + " do not count: " + *obstacle);
+    const auto ouis = ouis_read(databases);
+    for (const Mac &mac : macs) {
+        if (!oui_match(ouis, mac))
+            note(context, words::mac(mac) + " belongs to no OUI, so it does not count as a voice "
+                                            "device");
+    }
 }
 
 } // namespace

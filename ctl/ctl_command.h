@@ -71,6 +71,9 @@ void shell(const Context &context, const Strings &words);
 /* "Done" for a person or a program. */
 void report(const Context &context, const std::string &words);
 
+/* What a person should know beside that; on the error output, and not with `json`. */
+void note(const Context &context, const std::string &words);
+
 } // namespace ctl
 
 #endif

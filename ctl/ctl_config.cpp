@@ -14,8 +14,6 @@ namespace ctl
 namespace
 {
 
-enum Tag : uint32_t { GLB_SWITCH = 5, SECU_MODE = 6, AGE_TIME = 7, QOS = 8 };
-
 struct Wanted {
     std::optional<uint32_t> vlan;
     std::optional<bool> enable;
@@ -38,13 +36,13 @@ struct SettingsMessage {
         glb.age_time = wanted.aging.value_or(0);
         glb.qos = &qos;
         if (wanted.vlan || wanted.enable)
-            fields.push_back(GLB_SWITCH);
+            fields.push_back(words::GLB_SWITCH);
         if (wanted.security)
-            fields.push_back(SECU_MODE);
+            fields.push_back(words::SECU_MODE);
         if (wanted.aging)
-            fields.push_back(AGE_TIME);
+            fields.push_back(words::AGE_TIME);
         if (wanted.cos || wanted.dscp)
-            fields.push_back(QOS);
+            fields.push_back(words::QOS);
     }
     SettingsMessage(const SettingsMessage &) = delete;
     SettingsMessage &operator=(const SettingsMessage &) = delete;
@@ -122,7 +120,8 @@ void config_oui_add(const Context &context, const Strings &ouis)
         standing[oui].configured = true;
     if (standing.size() > OUI_MAX)
         throw Failure{REFUSED, "that would be " + std::to_string(standing.size()) +
-                                   " OUIs, and the ACLs have room for 127: delete one first "
+                                   " OUIs, and the ACLs have room for " + std::to_string(OUI_MAX) +
+                                   ": delete one first "
                                    "(vvlanctl oui del), or use a shorter mask for several"};
     std::string text;
     for (const Oui &oui : wanted) {
@@ -164,6 +163,10 @@ void config_oui_del(const Context &context, const Strings &ouis)
     }
     databases.settle();
     report(context, "OUI " + text + " no longer configured");
+    if (settings_read(databases).enable)
+        note(context, "the daemon has taken its ACLs down with that: ports configured from now on "
+                      "stay pending until another OUI is added, or the voice VLAN is switched off "
+                      "and on");
 }
 
 void config_port(const Context &context, PortMode mode, const std::string &ports)

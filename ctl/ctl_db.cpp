@@ -25,9 +25,23 @@ std::string reason(int result);
 
 } // namespace
 
+std::string databases_text(const char *last_between)
+{
+    std::string text;
+    for (const uint32_t db : DATABASES) {
+        const bool is_last = db == DATABASES[std::size(DATABASES) - 1];
+        text += (text.empty() ? "" : is_last ? last_between : ", ") + std::to_string(db);
+    }
+    return text;
+}
+
 uint32_t db_of_kind(std::string_view kind)
 {
-    return words::database_of(kind).value_or(DB_CONFIG);
+    const std::optional<uint32_t> db = words::database_of(kind);
+    if (!db)
+        throw Failure{REFUSED,
+                      "it is not known which database holds " + std::string(kind) + ": give --db"};
+    return *db;
 }
 
 kt_global *Databases::context()
@@ -95,18 +109,6 @@ void Databases::hset(uint32_t db, const ProtobufCMessage &object, std::span<cons
     written.insert(db);
 }
 
-bool Databases::hset_if(uint32_t db, const ProtobufCMessage &before, const ProtobufCMessage &object,
-                        std::span<const uint32_t> fields)
-{
-    open(db);
-    const int result = kt_mom_hset_if_sync(context(), db, &before, &object, fields.data(),
-                                           static_cast<uint32_t>(fields.size()));
-    if (result == -ESTALE)
-        return false;
-    check(result, "set fields of", db, object);
-    return true;
-}
-
 void Databases::del(uint32_t db, const ProtobufCMessage &key)
 {
     open(db);
@@ -131,7 +133,10 @@ void Databases::settle()
         check(kt_mom_scan(context(), db, any.get(), KT_MOM_MATCH_EXACT, raise_flag_at_end,
                           is_over.get()),
               "confirm", db, *any);
-        if (!host.run([&] { return *is_over; }, PATIENCE))
+        const bool has_ended =
+            host.run([&] { return *is_over || !host.refusal().empty(); }, PATIENCE);
+        check_refusal();
+        if (!has_ended)
             throw Failure{NO_REACH, "database " + std::to_string(db) + " at " + host.server() +
                                         " did not confirm the change: see with vvlanctl show "
                                         "whether it is there"};
@@ -139,15 +144,34 @@ void Databases::settle()
     written.clear();
 }
 
+bool Databases::hset_if(uint32_t db, const ProtobufCMessage &before, const ProtobufCMessage &object,
+                        std::span<const uint32_t> fields)
+{
+    open(db);
+    const int result = kt_mom_hset_if_sync(context(), db, &before, &object, fields.data(),
+                                           static_cast<uint32_t>(fields.size()));
+    if (result == -ESTALE)
+        return false;
+    check(result, "set fields of", db, object);
+    return true;
+}
+
 void Databases::check(int result, const char *verb, uint32_t db,
                       const ProtobufCMessage &object) const
 {
     if (result == 0)
         return;
+    check_refusal();
     if (result == -ENOTCONN)
         unreachable(db, "the connection is lost");
     throw Failure{REFUSED, std::string("cannot ") + verb + " " + object.descriptor->name +
                                " in database " + std::to_string(db) + ": " + reason(result)};
+}
+
+void Databases::check_refusal() const
+{
+    if (const std::string refusal = host.refusal(); !refusal.empty())
+        throw Failure{REFUSED, host.server() + " refused the change: " + refusal};
 }
 
 void Databases::unreachable(uint32_t db, const std::string &why) const
@@ -193,6 +217,8 @@ int raise_flag_at_end(kt_global *, const kt_mom_msg *msg, void *user)
 
 std::string reason(int result)
 {
+    if (result == -EIO)
+        return "the server refused it: its memory is full, it is read-only, or you lack the right";
     return std::strerror(result < 0 ? -result : result);
 }
 

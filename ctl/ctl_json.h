@@ -31,6 +31,7 @@ std::string json_text(const Json &json);
  */
 Json json_message(const ProtobufCMessage &message);
 
+/* Elements of the documents, as docs/vvlanctl-json.md has them. */
 Json json_settings(const Settings &settings);
 Json json_port(uint32_t ifx, const PortState &port, const Settings &settings);
 Json json_oui(const Oui &oui, const OuiState &state);

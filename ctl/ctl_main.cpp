@@ -118,7 +118,7 @@ void add_everything(CLI::App &app, Said &said)
     app.fallthrough();
     app.require_subcommand(1);
     app.footer(footer());
-    app.set_version_flag("--version", "vvlanctl 0.1.0");
+    app.set_version_flag("--version", "vvlanctl " VVLAN_VERSION);
     app.add_flag("-j,--json", said.json, "Print JSON for programs");
     app.add_option("--mom", said.mom,
                    "The database: unix:PATH, tcp:HOST:PORT, tls:HOST:PORT or "
@@ -322,17 +322,23 @@ void add_objects(CLI::App &app, Said &said)
                                 "  vvlanctl object scan u_bridge.vvlan_join\n");
     add_object(*group, said, "get", "Prints an object",
                "  vvlanctl object get p_bridge.vvlan_glb_cfg\n", object_get);
-    add_object(*group, said, "set", "Writes a whole object",
+    add_object(*group, said, "set",
+               "Writes a whole object; refused for the kinds that the daemon takes only by field "
+               "(object kinds tells)",
                "  vvlanctl object set p_bridge.vvlan_port_cfg index.ifx=3 enable=1 mode=1\n",
                object_set)
         ->add_option("--expire", said.object.expire, "Seconds until it goes by itself")
         ->type_name("S");
-    add_object(*group, said, "hset", "Sets the given fields, the others keep their values",
+    add_object(*group, said, "hset",
+               "Sets the given fields, the others keep their values; refused for the kinds that "
+               "the daemon takes only as a whole (object kinds tells)",
                "  vvlanctl object hset p_bridge.vvlan_glb_cfg qos.cos=5 qos.dscp=40\n",
                object_hset);
     add_object(*group, said, "del", "Deletes an object",
                "  vvlanctl object del p_bridge.vvlan_port_cfg index.ifx=3\n", object_del);
-    add_object(*group, said, "publish", "Tells the subscribers and stores nothing",
+    add_object(*group, said, "publish",
+               "Tells the subscribers and stores nothing; refused for the kinds that the daemon "
+               "takes only when they are stored (object kinds tells)",
                "  vvlanctl object publish s_bridge.vvlan_port_noty index.phyid=259\n",
                object_publish);
     CLI::App *scan = add_object(
@@ -348,8 +354,9 @@ void add_objects(CLI::App &app, Said &said)
     for (CLI::App *command : {scan, watch_it})
         command->add_flag("--exact", said.object.exact, "The whole key must be equal");
     add_watch_options(*watch_it, said);
-    add_command(*group, said, "kinds", "Lists the kinds of objects", "  vvlanctl object kinds\n",
-                object_kinds);
+    add_command(*group, said, "kinds",
+                "Lists the kinds of objects, with the changes that the daemon takes",
+                "  vvlanctl object kinds\n", object_kinds);
 }
 
 void add_shell(CLI::App &app, Said &said)

@@ -6,7 +6,9 @@
 #include "ctl/ctl_json.h"
 #include "ctl/ctl_table.h"
 #include "ctl/ctl_value.h"
+#include "object/object_field.h"
 #include "platform/kt_mom.h"
+#include "words/words.h"
 
 namespace ctl
 {
@@ -14,13 +16,14 @@ namespace ctl
 namespace
 {
 
-constexpr uint32_t INDEX_FIELD = 5;
-
 uint32_t db_parse(const ObjectOptions &options);
+/* Refuses a change that the daemon would pass over. */
+void check_is_taken(const std::string &kind, uint32_t operation);
+Strings operation_names(std::span<const uint32_t> operations);
 void print_object(const Context &context, uint32_t db, const ProtobufCMessage &object);
 Json json_object(uint32_t db, const ProtobufCMessage &object);
 std::string name_of(const ProtobufCMessage &object);
-std::string joined(const Strings &words);
+std::string joined(const Strings &words, const char *between = " ");
 
 } // namespace
 
@@ -42,12 +45,28 @@ ObjectText object_parse(const ObjectOptions &options, bool is_template)
     if (is_template && text.empty())
         parsed.message = object::empty(*kind);
     if (object::kind_is_keyed(*kind))
-        std::erase(parsed.fields, INDEX_FIELD);
+        std::erase(parsed.fields, object::INDEX_NUMBER);
     const bool lacks_key = object::kind_is_keyed(*kind) && object::key_is_empty(*parsed.message);
     if (!is_template && (lacks_key || !object::has_key(*parsed.message)))
         throw Failure{REFUSED, options.kind + " needs its key, which stands under index.: an empty "
                                               "key would select every object of the kind"};
     return parsed;
+}
+
+std::string operation_name(uint32_t operation)
+{
+    switch (operation) {
+    case KT_MOM_SET:
+        return "set";
+    case KT_MOM_DEL:
+        return "del";
+    case KT_MOM_HSET:
+        return "hset";
+    case KT_MOM_PUBLISH:
+        return "publish";
+    default:
+        return "unknown";
+    }
 }
 
 void object_get(const Context &context, const ObjectOptions &options)
@@ -64,6 +83,7 @@ void object_get(const Context &context, const ObjectOptions &options)
 void object_set(const Context &context, const ObjectOptions &options)
 {
     const ObjectText object = object_parse(options, false);
+    check_is_taken(options.kind, KT_MOM_SET);
     const uint64_t expire =
         options.expire.empty() ? 0 : number_parse(options.expire, "a number of seconds");
     Databases databases(context.host);
@@ -77,6 +97,7 @@ void object_hset(const Context &context, const ObjectOptions &options)
     const ObjectText object = object_parse(options, false);
     if (object.fields.empty())
         throw Failure{USAGE, "hset needs at least one field beside the key, such as secu_mode=1"};
+    check_is_taken(options.kind, KT_MOM_HSET);
     Databases databases(context.host);
     databases.hset(object.db, *object.message, object.fields);
     databases.settle();
@@ -98,6 +119,7 @@ void object_del(const Context &context, const ObjectOptions &options)
 void object_publish(const Context &context, const ObjectOptions &options)
 {
     const ObjectText object = object_parse(options, false);
+    check_is_taken(options.kind, KT_MOM_PUBLISH);
     Databases databases(context.host);
     databases.publish(object.db, *object.message);
     databases.settle();
@@ -126,7 +148,7 @@ void object_scan(const Context &context, const ObjectOptions &options)
 
 void object_kinds(const Context &context)
 {
-    Table table({"KIND", "DB", "FIELDS"});
+    Table table({"KIND", "DB", "DAEMON TAKES", "FIELDS"});
     Json kinds = Json::array();
     for (const object::Kind *kind : object::kinds()) {
         const std::string name = object::kind_name(*kind);
@@ -134,8 +156,10 @@ void object_kinds(const Context &context)
         Strings fields;
         for (unsigned at = 0; at < type.n_fields; at++)
             fields.emplace_back(type.fields[at].name);
-        table.row({name, std::to_string(db_of_kind(name)), joined(fields)});
-        kinds.push_back({{"kind", name}, {"db", db_of_kind(name)}, {"fields", fields}});
+        const Strings taken = operation_names(words::taken_operations(name));
+        const uint32_t db = db_of_kind(name);
+        table.row({name, std::to_string(db), joined(taken, ","), joined(fields)});
+        kinds.push_back({{"kind", name}, {"db", db}, {"taken", taken}, {"fields", fields}});
     }
     if (!context.json)
         return table.print(context.host.out);
@@ -151,10 +175,31 @@ uint32_t db_parse(const ObjectOptions &options)
 {
     if (options.db.empty())
         return db_of_kind(options.kind);
-    const uint32_t db = number_parse(options.db, "a database: 0, 4, 6 or 8");
+    const uint32_t db = number_parse(options.db, "a database: " + databases_text(" or "));
     if (std::find(std::begin(DATABASES), std::end(DATABASES), db) == std::end(DATABASES))
-        throw Failure{REFUSED, "there is no database " + options.db + ": there are 0, 4, 6 and 8"};
+        throw Failure{REFUSED, "there is no database " + options.db + ": there are " +
+                                   databases_text(" and ")};
     return db;
+}
+
+void check_is_taken(const std::string &kind, uint32_t operation)
+{
+    const std::span<const uint32_t> taken = words::taken_operations(kind);
+    if (taken.empty() || std::ranges::find(taken, operation) != taken.end())
+        return;
+    throw Failure{REFUSED,
+                  operation_name(operation) + " of " + kind +
+                      " would not work, as the daemon takes objects of this kind only by " +
+                      joined(operation_names(taken), " and ") + ": give vvlanctl object " +
+                      operation_name(taken.front())};
+}
+
+Strings operation_names(std::span<const uint32_t> operations)
+{
+    Strings names;
+    for (const uint32_t operation : operations)
+        names.push_back(operation_name(operation));
+    return names;
 }
 
 void print_object(const Context &context, uint32_t db, const ProtobufCMessage &object)
@@ -179,11 +224,11 @@ std::string name_of(const ProtobufCMessage &object)
     return object.descriptor->name + (key.empty() ? "" : " " + key);
 }
 
-std::string joined(const Strings &words)
+std::string joined(const Strings &words, const char *between)
 {
     std::string text;
     for (const std::string &word : words)
-        text += (text.empty() ? "" : " ") + word;
+        text += (text.empty() ? "" : between) + word;
     return text;
 }
 

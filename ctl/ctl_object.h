@@ -5,6 +5,7 @@
 #define CTL_CTL_OBJECT_H
 
 #include <cstdint>
+#include <string>
 #include <vector>
 
 #include "ctl/ctl_command.h"
@@ -25,6 +26,9 @@ struct ObjectText {
  * object of a keyed kind must have its key.
  */
 ObjectText object_parse(const ObjectOptions &options, bool is_template);
+
+/* A kt_mom_operation as it is typed and shown: "set", "del", "hset", "publish". */
+std::string operation_name(uint32_t operation);
 
 } // namespace ctl
 

@@ -79,6 +79,12 @@ void report(const Context &context, const std::string &words)
     context.host.out << json_text(json) << '\n';
 }
 
+void note(const Context &context, const std::string &words)
+{
+    if (!context.json)
+        context.host.err << "vvlanctl: note: " << words << '\n';
+}
+
 namespace
 {
 

@@ -47,10 +47,9 @@ Settings settings_read(Databases &databases)
 
 Settings settings_of(const ProtobufCMessage &stored, std::span<const uint32_t> fields)
 {
-    constexpr uint32_t AGE_TIME = 7;
     const auto &glb = as<PBridge__VvlanGlbCfg>(stored);
-    const bool has_aging =
-        glb.age_time != 0 || std::find(fields.begin(), fields.end(), AGE_TIME) != fields.end();
+    const bool has_aging = glb.age_time != 0 ||
+                           std::find(fields.begin(), fields.end(), words::AGE_TIME) != fields.end();
     Settings settings;
     if (glb.glb_switch != nullptr) {
         settings.vlan = glb.glb_switch->vlan;
@@ -117,6 +116,18 @@ const char *port_word(const PortState &port, const Settings &settings)
     if (port.joined)
         return port.daemon && port.daemon->is_aging ? "aging" : "joined";
     return port.trapped ? "trapped" : "pending";
+}
+
+std::optional<std::string> macs_obstacle(const Settings &settings, const PortState *port,
+                                         uint32_t vlan)
+{
+    if (port == nullptr || !port->enabled || !port->automatic)
+        return "the port is not in automatic mode";
+    if (!settings.enable)
+        return "the voice VLAN is switched off";
+    if (vlan != settings.vlan)
+        return "the voice VLAN is " + std::to_string(settings.vlan);
+    return std::nullopt;
 }
 
 std::optional<uint32_t> port_left(const PortState &port)
@@ -213,12 +224,14 @@ void read_macs(Databases &databases, State *state)
             return;
         const Mac mac = words::mac_of(noti.index->t_mac);
         const auto oui = oui_match(state->ouis, mac);
-        const auto port = state->ports.find(noti.port_id);
-        const bool is_voice = oui.has_value() && port != state->ports.end() &&
-                              port->second.enabled && port->second.automatic;
+        const auto found = state->ports.find(noti.port_id);
+        PortState *port = found == state->ports.end() ? nullptr : &found->second;
+        const uint32_t vlan = noti.index->t_fid;
+        const bool is_voice =
+            oui.has_value() && !macs_obstacle(state->settings, port, vlan).has_value();
         if (is_voice)
-            port->second.voice_macs++;
-        state->macs.push_back({mac, noti.index->t_fid, noti.port_id, oui, is_voice});
+            port->voice_macs++;
+        state->macs.push_back({mac, vlan, noti.port_id, oui, is_voice});
     });
 }
 

@@ -65,7 +65,7 @@ struct MacState {
     uint32_t vlan;
     uint32_t port;
     std::optional<Oui> oui; /* the OUI that it belongs to */
-    bool is_voice;          /* it counts for its port */
+    bool is_voice;          /* it counts for its port: macs_obstacle() and oui_match() allow it */
 };
 
 struct State {
@@ -90,6 +90,13 @@ State state_read(Databases &databases, const Host &host);
 
 /* "trapped", "joined", "aging", ...: one word for what the port does. */
 const char *port_word(const PortState &port, const Settings &settings);
+
+/*
+ * Why no address that is learnt on this port (NULL: not configured) in this VLAN counts as
+ * a voice device, as an end of "addresses do not count there: "; or nothing.
+ */
+std::optional<std::string> macs_obstacle(const Settings &settings, const PortState *port,
+                                         uint32_t vlan);
 
 /* Seconds until an aging port is taken out; nothing when it is not aging. */
 std::optional<uint32_t> port_left(const PortState &port);

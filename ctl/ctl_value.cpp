@@ -86,10 +86,12 @@ std::vector<uint32_t> ports_parse(std::string_view text)
         if (last < first)
             misread(part, "a range that rises, such as " + std::to_string(last) + "-" +
                               std::to_string(first));
-        if (last - first >= PORTS_MAX || ports.size() > PORTS_MAX)
-            refuse("more than 65536 ports in one command: give them in several");
-        for (uint64_t port = first; port <= last; port++)
+        const uint64_t count = uint64_t{last} - first + 1;
+        for (uint64_t port = first; port <= last && count <= PORTS_MAX; port++)
             ports.insert(static_cast<uint32_t>(port));
+        if (count > PORTS_MAX || ports.size() > PORTS_MAX)
+            refuse(std::string(text) + " has more than " + std::to_string(PORTS_MAX) +
+                   " ports, the most that one command takes: give them in several");
         from = comma + 1;
     }
     return {ports.begin(), ports.end()};

@@ -51,8 +51,7 @@ public:
     Queue(Host &ctl_host, size_t most) : host(ctl_host), limit(most)
     {
     }
-    /* Takes a line if there is room, else counts it. */
-    bool take(std::string_view line);
+    void take(std::string_view line);
     void write();
     bool is_due() const;
     bool is_empty() const
@@ -113,7 +112,11 @@ private:
         return most != 0 && told >= most;
     }
     void tell_what_stands();
+    /* Changes that were skipped and not told as such yet. */
+    uint64_t untold() const;
     void tell_of_skipped();
+    /* Once in a while, and when there is room. */
+    void tell_of_skipped_at_times();
     std::string line_of(const Change &change);
     std::string stamp();
     void finish();
@@ -174,16 +177,11 @@ int on_back(kt_global *, uint32_t db, int type);
 
 /* --- Queue */
 
-bool Queue::take(std::string_view line)
+void Queue::take(std::string_view line)
 {
-    if (!has_room()) {
-        skipped++;
-        return false;
-    }
     text += line;
     text += '\n';
     lines++;
-    return true;
 }
 
 void Queue::write()
@@ -274,11 +272,11 @@ void Watch::tell(const Change &change)
     }
     if (queue.skipped != 0)
         tell_of_skipped();
-    if (queue.take(line_of(change)) && !change.is_standing)
+    queue.take(line_of(change));
+    if (!change.is_standing)
         told++;
     if (queue.is_due()) {
-        if (steady_clock::now() - skipped_told >= SKIPPED_EVERY)
-            tell_of_skipped();
+        tell_of_skipped_at_times();
         queue.write();
     }
     write_later();
@@ -303,16 +301,27 @@ void Watch::note(uint32_t db, const std::string &words, uint64_t skipped)
     write_later();
 }
 
-void Watch::tell_of_skipped()
+uint64_t Watch::untold() const
 {
     uint64_t missed = 0;
     for (const auto &[db, receiver] : receivers)
         missed += context.host.missed(db);
-    const uint64_t count = queue.skipped + missed - missed_told;
+    return queue.skipped + missed - missed_told;
+}
+
+void Watch::tell_of_skipped_at_times()
+{
+    if (steady_clock::now() - skipped_told >= SKIPPED_EVERY && queue.has_room())
+        tell_of_skipped();
+}
+
+void Watch::tell_of_skipped()
+{
+    const uint64_t count = untold();
     if (count == 0)
         return;
+    missed_told += count - queue.skipped;
     queue.skipped = 0;
-    missed_told = missed;
     skipped_told = steady_clock::now();
     note(NO_DB,
          std::to_string(count) + (count == 1 ? " change" : " changes") +
@@ -320,10 +329,11 @@ void Watch::tell_of_skipped()
          count);
 }
 
-/* Arms the timer unless it runs; it writes what the output did not take or what waits. */
+/* Arms the timer unless it runs; it writes what the output did not take or what waits, and tells
+ * of skipped changes that no later change gives occasion for. */
 void Watch::write_later()
 {
-    if (is_timer_armed || queue.is_empty() || queue.is_closed)
+    if (is_timer_armed || queue.is_closed || (queue.is_empty() && untold() == 0))
         return;
     is_timer_armed =
         kt_thread_add_timer_timeval_withname(databases.context()->master, on_timer, this, 0,
@@ -333,7 +343,7 @@ void Watch::write_later()
 void Watch::write_from_timer()
 {
     is_timer_armed = false;
-    tell_of_skipped(); /* those that no later change would give occasion for */
+    tell_of_skipped_at_times();
     queue.write();
     write_later();
 }

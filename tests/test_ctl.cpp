@@ -8,6 +8,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <CLI/CLI.hpp>
 #include <fstream>
 #include <nlohmann/json.hpp>
 #include <sstream>
@@ -124,6 +125,7 @@ protected:
                    [this] { return context; },
                    [] { return std::string("memory:"); },
                    [this] { return trouble; },
+                   [] { return std::string(); },
                    [this](const auto &done, int limit) { return run_loop(done, limit); },
                    [this](std::string_view text) {
                        written += text.substr(0, room - std::min(room, written.size()));
@@ -135,58 +137,66 @@ protected:
                    {}};
 };
 
+struct Wrong {
+    const char *line;
+    int status;
+    const char *why;
+};
+
+constexpr Wrong WRONGS[] = {
+    {"set vlan 0", 1, "give 1 to 4094"},
+    {"set vlan 4095", 1, "give 1 to 4094"},
+    {"set vlan x", 2, "expected VLAN as a number from 1 to 4094"},
+    {"set vlan 4294967296", 1, "32 bits"},
+    {"set vlan", 2, "vlan needs a value"},
+    {"set cos 8", 1, "give 0 to 7"},
+    {"set dscp 64", 1, "give 0 to 63"},
+    {"set aging 0", 1, "give 1 to 65535"},
+    {"set aging 65536", 1, "give 1 to 65535"},
+    {"set security yes", 2, "expected on or off for security"},
+    {"set colour red", 2, "unknown setting"},
+    {"set cos 1 cos 2", 2, "cos is given twice"},
+    {"set switch on", 1, "vvlanctl set vlan 100 switch on"},
+    {"oui add 01:00:5e/24", 1, "group address"},
+    {"oui add 00:00:00/24", 1, "all zero"},
+    {"oui add 00:11:22:33/24", 1, "give 00:11:22:00:00:00/24"},
+    {"oui add 00:11:22:00:00:00/ff:00:ff:00:00:00", 1, "is no prefix"},
+    {"oui add 00:11:22/0", 1, "1 to 48"},
+    {"oui add 00:11:22/49", 1, "48 bits"},
+    {"oui add 00:11:2/24", 2, "expected an OUI such as"},
+    {"oui del 00:11:22/24", 1, "is not configured"},
+    {"port auto 0", 1, "begin at 1"},
+    {"port auto 5-2", 2, "such as 2-5"},
+    {"port auto 1,,2", 2, "a port or a range"},
+    {"port auto 1-65537", 1, "65536"},
+    {"port auto 1-4000000000", 1, "65536"},
+    {"port auto 1-65536,70000-70001", 1, "65536"},
+    {"port off 3", 1, "port 3 is not configured"},
+    {"port del 3-4", 1, "none of ports 3-4 is configured"},
+    {"notice 9", 1, "the physical id of port 9 is not known"},
+    {"notice", 2, "either ports or --phyid"},
+    {"mac learn 3 01:11:22:33:44:55 --vlan 100", 1, "group address"},
+    {"mac learn 3 00:11:22:33:44:55", 1, "no voice VLAN is set"},
+    {"mac gone 00:11:22:33:44:55 --vlan 7", 1, "is not learnt in VLAN 7"},
+    {"object get p_bridge.nothing", 2, "is no kind of object"},
+    {"object set p_bridge.vvlan_port_cfg index.ifx=3 enable=x", 2,
+     "column 20 of \"index.ifx=3 enable=x\""},
+    {"object set p_bridge.vvlan_port_cfg enable=1", 1, "needs its key"},
+    {"object get p_bridge.vvlan_port_cfg index.ifx=3", 1, "is not in database 4"},
+    {"object get p_bridge.vvlan_glb_cfg --db 5", 1, "no database 5"},
+    {"object hset p_bridge.vvlan_port_cfg index.ifx=3", 2, "at least one field"},
+    {"object set p_bridge.vvlan_glb_cfg age_time=9", 1, "give vvlanctl object hset"},
+    {"object hset p_bridge.vvlan_port_cfg index.ifx=3 mode=1", 1, "give vvlanctl object set"},
+    {"object publish p_bridge.vvlan_port_cfg index.ifx=3", 1, "only by set and del"},
+    {"show colours", 2, "--help"},
+    {"watch --count 0", 2, "at least 1"},
+    {"", 2, "--help"},
+    {"fly", 2, "--help"},
+};
+
 TEST_F(Ctl, RefusesWhatCannotWorkAndSaysWhy)
 {
-    const struct {
-        const char *line;
-        int status;
-        const char *why;
-    } CASES[] = {
-        {"set vlan 0", 1, "give 1 to 4094"},
-        {"set vlan 4095", 1, "give 1 to 4094"},
-        {"set vlan x", 2, "expected VLAN as a number from 1 to 4094"},
-        {"set vlan 4294967296", 1, "32 bits"},
-        {"set vlan", 2, "vlan needs a value"},
-        {"set cos 8", 1, "give 0 to 7"},
-        {"set dscp 64", 1, "give 0 to 63"},
-        {"set aging 0", 1, "give 1 to 65535"},
-        {"set aging 65536", 1, "give 1 to 65535"},
-        {"set security yes", 2, "expected on or off for security"},
-        {"set colour red", 2, "unknown setting"},
-        {"set cos 1 cos 2", 2, "cos is given twice"},
-        {"set switch on", 1, "vvlanctl set vlan 100 switch on"},
-        {"oui add 01:00:5e/24", 1, "group address"},
-        {"oui add 00:00:00/24", 1, "all zero"},
-        {"oui add 00:11:22:33/24", 1, "give 00:11:22:00:00:00/24"},
-        {"oui add 00:11:22:00:00:00/ff:00:ff:00:00:00", 1, "is no prefix"},
-        {"oui add 00:11:22/0", 1, "1 to 48"},
-        {"oui add 00:11:22/49", 1, "48 bits"},
-        {"oui add 00:11:2/24", 2, "expected an OUI such as"},
-        {"oui del 00:11:22/24", 1, "is not configured"},
-        {"port auto 0", 1, "begin at 1"},
-        {"port auto 5-2", 2, "such as 2-5"},
-        {"port auto 1,,2", 2, "a port or a range"},
-        {"port auto 1-70000", 1, "65536"},
-        {"port off 3", 1, "port 3 is not configured"},
-        {"port del 3-4", 1, "none of ports 3-4 is configured"},
-        {"notice 9", 1, "the physical id of port 9 is not known"},
-        {"notice", 2, "either ports or --phyid"},
-        {"mac learn 3 01:11:22:33:44:55 --vlan 100", 1, "group address"},
-        {"mac learn 3 00:11:22:33:44:55", 1, "no voice VLAN is set"},
-        {"mac gone 00:11:22:33:44:55 --vlan 7", 1, "is not learnt in VLAN 7"},
-        {"object get p_bridge.nothing", 2, "is no kind of object"},
-        {"object set p_bridge.vvlan_port_cfg index.ifx=3 enable=x", 2,
-         "column 20 of \"index.ifx=3 enable=x\""},
-        {"object set p_bridge.vvlan_port_cfg enable=1", 1, "needs its key"},
-        {"object get p_bridge.vvlan_port_cfg index.ifx=3", 1, "is not in database 4"},
-        {"object get p_bridge.vvlan_glb_cfg --db 5", 1, "no database 5"},
-        {"object hset p_bridge.vvlan_port_cfg index.ifx=3", 2, "at least one field"},
-        {"show colours", 2, "--help"},
-        {"watch --count 0", 2, "at least 1"},
-        {"", 2, "--help"},
-        {"fly", 2, "--help"},
-    };
-    for (const auto &wrong : CASES) {
+    for (const Wrong &wrong : WRONGS) {
         EXPECT_EQ(run(wrong.line), wrong.status) << wrong.line << ": " << err.str();
         const std::string said = err.str();
         EXPECT_THAT(said, HasSubstr(wrong.why)) << wrong.line;
@@ -248,16 +258,26 @@ TEST_F(Ctl, DrivesThePhonesLifeCycle)
     EXPECT_EQ(out.str(), "told: voice device seen on physical port 259 (0x103)\n");
     ASSERT_EQ(run("mac learn 3 00:11:22:33:44:55"), 0);
     EXPECT_EQ(err.str(), "");
-    EXPECT_EQ(run("mac learn 3 00:99:22:33:44:55"), 0);
-    EXPECT_THAT(err.str(), HasSubstr("belongs to no OUI"));
+    EXPECT_EQ(run("mac learn 3 00:11:22:33:44:66 00:99:22:33:44:55 00:98:22:33:44:55"), 0);
+    EXPECT_THAT(err.str(), AllOf(HasSubstr("00:99:22:33:44:55 belongs to no OUI"),
+                                 HasSubstr("00:98:22:33:44:55 belongs to no OUI"),
+                                 Not(HasSubstr("00:11:22:33:44:66"))));
+    EXPECT_EQ(run("mac learn 3 00:11:22:33:44:77 --vlan 200"), 0);
+    EXPECT_THAT(err.str(), HasSubstr("in VLAN 200 do not count: the voice VLAN is 100"));
+    EXPECT_EQ(run("mac learn 4 00:11:22:33:44:88"), 0);
+    EXPECT_THAT(err.str(), HasSubstr("not in automatic mode"));
+    EXPECT_THAT(ask_shell("dump_all_mac").output, Not(HasSubstr("4477")));
+    EXPECT_EQ(run("mac gone 00:11:22:33:44:66"), 0);
     json port = run_json("-j show")["ports"][0];
     EXPECT_EQ(port, json::parse(R"({"port":3,"configured":true,"enabled":true,"mode":"auto",
         "state":"joined","trapped":false,"joined":true,"recorded":true,"voice_macs":1,
         "phyid":259,"quiet_seconds":0,"left_seconds":null})"));
     const json macs = run_json("show macs -j")["macs"];
-    ASSERT_EQ(macs.size(), 2U);
-    EXPECT_EQ(macs[0]["oui"], "00:11:22:00:00:00/24");
-    EXPECT_EQ(macs[1]["voice"], false);
+    ASSERT_EQ(macs.size(), 5U);
+    for (const json &mac : macs) {
+        EXPECT_EQ(mac["voice"], mac["mac"] == "00:11:22:33:44:55") << mac;
+        EXPECT_EQ(mac["oui"].is_null(), std::string(mac["mac"])[3] == '9') << mac;
+    }
 
     EXPECT_EQ(run("mac gone 4 00:11:22:33:44:55"), 1);
     EXPECT_THAT(err.str(), HasSubstr("on port 3, not on port 4"));
@@ -277,6 +297,21 @@ TEST_F(Ctl, DrivesThePhonesLifeCycle)
     EXPECT_EQ(stored(4, "p_bridge.vvlan_port_cfg", "index.ifx=3"), "index.ifx=3 mode=1");
     EXPECT_EQ(run("port del 3,4"), 0);
     EXPECT_THAT(run_json("show -j")["ports"], testing::IsEmpty());
+}
+
+TEST_F(Ctl, TellsWhatFollowsFromADeletedOui)
+{
+    const auto state = [this] { return run_json("show -j")["ports"][0]["state"]; };
+    ASSERT_EQ(run("oui add 00:11:22/24 00:33:44/24 00:55:66/24"), 0);
+    ASSERT_EQ(run("oui del 00:55:66/24"), 0);
+    EXPECT_EQ(err.str(), "") << "the switch is off";
+    ASSERT_EQ(run("set vlan 100 switch on"), 0);
+    ASSERT_EQ(run("oui del 00:11:22/24"), 0);
+    EXPECT_THAT(err.str(), HasSubstr("stay pending until another OUI is added, or"));
+    ASSERT_EQ(run("port auto 3"), 0);
+    EXPECT_EQ(state(), "pending");
+    ASSERT_EQ(run("oui add 00:77:88/24"), 0);
+    EXPECT_EQ(state(), "trapped");
 }
 
 TEST_F(Ctl, WatchesAllDatabasesInWords)
@@ -354,7 +389,15 @@ TEST_F(Ctl, HandlesAnyObjectInItsTextForm)
     EXPECT_EQ(run("object del " + kind + phone), 1);
     EXPECT_EQ(run("object hset p_bridge.vvlan_glb_cfg age_time=9"), 0);
     EXPECT_EQ(udp_vvlan_glb.age_time, 9);
-    EXPECT_EQ(run_json("object kinds -j")["kinds"].size(), object::kinds().size());
+    EXPECT_EQ(run("object hset u_bridge.vvlan_port_cfg index.ifx=7"), 2) << "it has no field";
+    EXPECT_EQ(run("object publish s_bridge.vvlan_port_noty index.phyid=259"), 0) << err.str();
+    const json kinds = run_json("object kinds -j")["kinds"];
+    EXPECT_EQ(kinds.size(), object::kinds().size());
+    for (const json &each : kinds) {
+        if (each["kind"] == "p_bridge.vvlan_glb_cfg") {
+            EXPECT_EQ(each["taken"], json::parse(R"(["hset"])"));
+        }
+    }
 }
 
 TEST_F(Ctl, SpeaksToTheDebugShell)
@@ -419,31 +462,42 @@ TEST(CtlParts, MatchesOuisAsTheDaemonDoes)
     EXPECT_EQ(ctl::ports_text(ctl::ports_parse("7,1-3,2,0x5,4294967295")), "1-3,5,7,4294967295");
 }
 
-/* Every command has examples, and both completions know every command. */
+/* A command and those below it, each as it is typed. */
+void collect(const CLI::App &app, const std::string &name, std::vector<std::string> &commands)
+{
+    for (const CLI::App *each : app.get_subcommands([](const CLI::App *) { return true; })) {
+        commands.push_back(name + each->get_name());
+        collect(*each, commands.back() + " ", commands);
+    }
+}
+
+/* Every command tells its usage, its examples can be typed, and both completions know it. */
 TEST_F(Ctl, HelpsEverywhere)
 {
+    std::vector<std::string> commands;
+    ctl::ctl_visit([&](const CLI::App &app) { collect(app, "", commands); });
+    EXPECT_GE(commands.size(), 26U);
     std::string completions[2];
     for (const int at : {0, 1}) {
         const char *const files[] = {"vvlanctl.bash", "_vvlanctl"};
         std::ifstream file(VVLAN_SOURCE_DIR "/ctl/completion/" + std::string(files[at]));
         completions[at].assign(std::istreambuf_iterator<char>(file), {});
     }
-    for (const char *command : {"set",          "oui",
-                                "oui add",      "oui del",
-                                "oui list",     "port",
-                                "port auto",    "port manual",
-                                "port off",     "port del",
-                                "show",         "watch",
-                                "notice",       "mac",
-                                "mac learn",    "mac gone",
-                                "object",       "object get",
-                                "object set",   "object hset",
-                                "object del",   "object publish",
-                                "object scan",  "object watch",
-                                "object kinds", "shell"}) {
-        EXPECT_EQ(run(std::string(command) + " --help"), 0);
-        EXPECT_THAT(out.str(), HasSubstr("Examples:\n  vvlanctl " + std::string(command)));
-        const std::string word = std::string(command).substr(std::string(command).rfind(' ') + 1);
+    host.converse = [](const auto &, const auto &) {};
+    for (const std::string &command : commands) {
+        EXPECT_EQ(run(command + " --help"), 0);
+        EXPECT_EQ(err.str(), "");
+        const std::string help = out.str();
+        EXPECT_THAT(help, AllOf(HasSubstr("\nUsage: vvlanctl " + command + " "),
+                                HasSubstr("\nExamples:\n  vvlanctl " + command)));
+        std::istringstream examples(help.substr(std::min(help.find("Examples:"), help.size())));
+        const std::string program = "  vvlanctl ";
+        for (std::string line; std::getline(examples, line);) {
+            if (line.starts_with(program)) {
+                EXPECT_NE(run(line.substr(program.size())), ctl::USAGE) << line << err.str();
+            }
+        }
+        const std::string word = command.substr(command.rfind(' ') + 1);
         for (const std::string &completion : completions)
             EXPECT_THAT(completion, ContainsRegex("[^a-z]" + word + "[^a-z]"));
     }

@@ -53,28 +53,40 @@ std::string port_trapped(const Change &change);
 std::string join_recorded(const Change &change);
 std::string plug_in(const Change &change);
 
+/* What the daemon takes of the kinds that it reads. */
+constexpr uint32_t BY_FIELD[] = {KT_MOM_HSET};
+constexpr uint32_t WHOLE[] = {KT_MOM_SET, KT_MOM_DEL};
+constexpr uint32_t NOTICE[] = {KT_MOM_SET, KT_MOM_PUBLISH};
+constexpr std::span<const uint32_t> UNREAD;
+
 struct Kind {
     const ProtobufCMessageDescriptor *type;
     uint32_t db;
+    std::span<const uint32_t> taken;
     std::string (*tell)(const Change &change);
 };
 
 constexpr Kind KINDS[] = {
-    {&p_bridge__vvlan_glb_cfg__descriptor, 4, settings},
-    {&p_bridge__vvlan_oui_cfg__descriptor, 4, oui_configured},
-    {&p_bridge__vvlan_port_cfg__descriptor, 4, port_configured},
-    {&p_bridge__vvlan_port_auto__descriptor, 4, port_joined},
-    {&p_bridge__vvlan_err_event__descriptor, 4, failure_reported},
-    {&s_bridge__vvlan_port_noty__descriptor, 0, notice},
-    {&u_bridge__mac_vid_reg_noti__descriptor, 6, mac_learnt},
-    {&u_bridge__mac_vid_reg__descriptor, 6, macs_wanted},
-    {&u_bridge__vvlan_oui_cfg__descriptor, 8, oui_in_force},
-    {&u_bridge__vvlan_port_cfg__descriptor, 8, port_trapped},
-    {&u_bridge__vvlan_join__descriptor, 8, join_recorded},
-    {&s_cluster__reg_pkt_info__descriptor, 0, plug_in},
+    {&p_bridge__vvlan_glb_cfg__descriptor, 4, BY_FIELD, settings},
+    {&p_bridge__vvlan_oui_cfg__descriptor, 4, WHOLE, oui_configured},
+    {&p_bridge__vvlan_port_cfg__descriptor, 4, WHOLE, port_configured},
+    {&p_bridge__vvlan_port_auto__descriptor, 4, UNREAD, port_joined},
+    {&p_bridge__vvlan_err_event__descriptor, 4, UNREAD, failure_reported},
+    {&s_bridge__vvlan_port_noty__descriptor, 0, NOTICE, notice},
+    {&u_bridge__mac_vid_reg_noti__descriptor, 6, WHOLE, mac_learnt},
+    {&u_bridge__mac_vid_reg__descriptor, 6, UNREAD, macs_wanted},
+    {&u_bridge__vvlan_oui_cfg__descriptor, 8, UNREAD, oui_in_force},
+    {&u_bridge__vvlan_port_cfg__descriptor, 8, UNREAD, port_trapped},
+    {&u_bridge__vvlan_join__descriptor, 8, WHOLE, join_recorded},
+    {&s_cluster__reg_pkt_info__descriptor, 0, UNREAD, plug_in},
 };
 
-enum SettingsField : uint32_t { GLB_SWITCH = 5, SECU_MODE = 6, AGE_TIME = 7, QOS = 8 };
+const Kind *kind_of(std::string_view name)
+{
+    const auto *found =
+        std::ranges::find_if(KINDS, [name](const Kind &each) { return each.type->name == name; });
+    return found == std::end(KINDS) ? nullptr : found;
+}
 
 template <typename Pair> Oui oui_of(const Pair *pair)
 {
@@ -85,9 +97,14 @@ template <typename Pair> Oui oui_of(const Pair *pair)
 
 std::optional<uint32_t> database_of(std::string_view kind)
 {
-    const auto *found =
-        std::ranges::find_if(KINDS, [kind](const Kind &each) { return each.type->name == kind; });
-    return found == std::end(KINDS) ? std::nullopt : std::optional(found->db);
+    const Kind *known = kind_of(kind);
+    return known == nullptr ? std::nullopt : std::optional(known->db);
+}
+
+std::span<const uint32_t> taken_operations(std::string_view kind)
+{
+    const Kind *known = kind_of(kind);
+    return known == nullptr ? UNREAD : known->taken;
 }
 
 std::string change(uint32_t operation, const ProtobufCMessage &object,

@@ -4,8 +4,9 @@
  * Whoever shows changes to people (the management tool, the timeline of a
  * scenario) tells them in the same words, those of a network engineer: "port 3
  * joins the voice VLAN". The table behind it also knows in which database the
- * objects of a kind are. Everything is derived from the message that is given;
- * sub-messages may be absent, byte fields of any length.
+ * objects of a kind are, and which changes of them the daemon takes. Everything is
+ * derived from the message that is given; sub-messages may be absent, byte fields of
+ * any length.
  */
 #ifndef WORDS_WORDS_H
 #define WORDS_WORDS_H
@@ -32,8 +33,18 @@ struct Oui {
     auto operator<=>(const Oui &) const = default;
 };
 
+/* The fields of p_bridge.vvlan_glb_cfg. */
+enum SettingsField : uint32_t { GLB_SWITCH = 5, SECU_MODE = 6, AGE_TIME = 7, QOS = 8 };
+
 /* The database that holds the objects of a kind; nothing for an unknown name. */
 std::optional<uint32_t> database_of(std::string_view kind);
+
+/*
+ * The operations (kt_mom_operation) on objects of a kind that the daemon takes; it passes
+ * over the others. The first is what one writes such an object with. Empty for a kind that
+ * the daemon does not read, and for an unknown name.
+ */
+std::span<const uint32_t> taken_operations(std::string_view kind);
 
 /*
  * A change in a few words. operation is a kt_mom_operation, fields those that a
@@ -57,7 +68,9 @@ std::string oui(const Oui &value);
 
 /* The length of a prefix mask, or -1 when the mask is none. */
 int mask_length(const Mac &mask);
-Mac mask_of_length(unsigned length); /* 0..48 */
+
+/* The mask whose first `length` bits are one; 0 to 48. */
+Mac mask_of_length(unsigned length);
 
 /* Bytes of a message as a MAC; missing ones are zero. NULL is all zero. */
 Mac mac_of(const PLibpub__Mac *message);

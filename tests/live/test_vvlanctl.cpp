@@ -66,6 +66,29 @@ TEST_F(Vvlanctl, EndsWithAStatusThatTellsWhatHappened)
     server.thaw();
 }
 
+/* Whatever the server refuses a change for, one is told of it at once. */
+TEST_F(Vvlanctl, SaysWhatTheServerRefuses)
+{
+    ASSERT_EQ(run("vvlanctl set vlan 100").status, 0); /* the scripts are loaded */
+    const auto set_up = [&](const char *words) {
+        EXPECT_EQ(run("redis-cli -s " + server.socket() + " " + words).text, "OK\n") << words;
+    };
+    for (const auto &[refused, again] :
+         std::initializer_list<std::pair<const char *, const char *>>{
+             {"config set maxmemory 1", "config set maxmemory 0"},
+             {"config set min-replicas-to-write 1", "config set min-replicas-to-write 0"},
+             {"acl setuser default -hset", "acl setuser default +hset"}}) {
+        set_up(refused);
+        for (const char *change : {"port auto 3", "set vlan 200"}) {
+            const Output said = run("timeout 4 vvlanctl " + std::string(change));
+            EXPECT_EQ(said.status, 1) << said.text;
+            EXPECT_THAT(said.text, HasSubstr("refused"));
+        }
+        set_up(again);
+    }
+    EXPECT_EQ(run("vvlanctl object get p_bridge.vvlan_glb_cfg").text, "glb_switch.vlan=100\n");
+}
+
 TEST_F(Vvlanctl, LosesNoHalfOfAFieldToAnotherThatSetsTheOther)
 {
     for (const char *values : {"5 40", "3 12", "7 1", "1 63"}) {

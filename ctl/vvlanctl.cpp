@@ -139,7 +139,7 @@ std::string trouble_text()
 std::string refusal_text()
 {
     constexpr std::string_view OF_WRITE = "a write was refused: ";
-    const std::string text = trouble_text();
+    std::string text = trouble_text();
     if (text.starts_with(OF_WRITE))
         return text.substr(OF_WRITE.size());
     for (const char *word : {"READONLY ", "NOREPLICAS "}) {

@@ -53,6 +53,7 @@ struct shell_call {
     std::string sentence; /* why it was refused, with a line end */
 };
 
+/* Takes a command line apart: what to call and with what, or why that is refused. */
 shell_call shell_parse(const shell_table &table, const std::string &command_line);
 
 /*

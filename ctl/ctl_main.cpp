@@ -77,7 +77,11 @@ int ctl_main(int count, const char *const *arguments, Host &host)
     } catch (const CLI::Success &success) { /* --help, --version */
         return app.exit(success, host.out, host.err);
     } catch (const CLI::ParseError &error) {
-        return fail(host.err, USAGE, std::string(error.what()) + "; vvlanctl --help tells more");
+        const Strings unread = app.remaining();
+        const bool is_unknown = app.get_subcommands().empty() && !unread.empty();
+        return fail(host.err, USAGE,
+                    (is_unknown ? "\"" + unread.front() + "\" is no command" : error.what()) +
+                        "; vvlanctl --help tells more");
     }
     if (!said.mom.empty())
         ::setenv(MOM_VARIABLE, said.mom.c_str(), 1);

@@ -19,6 +19,7 @@ namespace
 uint32_t db_parse(const ObjectOptions &options);
 /* Refuses a change that the daemon would pass over. */
 void check_is_taken(const std::string &kind, uint32_t operation);
+bool is_taken(const std::string &kind, uint32_t operation);
 Strings operation_names(std::span<const uint32_t> operations);
 void print_object(const Context &context, uint32_t db, const ProtobufCMessage &object);
 Json json_object(uint32_t db, const ProtobufCMessage &object);
@@ -114,6 +115,9 @@ void object_del(const Context &context, const ObjectOptions &options)
     databases.del(object.db, *object.message);
     databases.settle();
     report(context, "deleted " + name_of(*object.message));
+    if (!is_taken(options.kind, KT_MOM_DEL))
+        note(context, "the daemon passes over that: what it has taken of the object stays in force "
+                      "until it starts again");
 }
 
 void object_publish(const Context &context, const ObjectOptions &options)
@@ -185,13 +189,20 @@ uint32_t db_parse(const ObjectOptions &options)
 void check_is_taken(const std::string &kind, uint32_t operation)
 {
     const std::span<const uint32_t> taken = words::taken_operations(kind);
-    if (taken.empty() || std::ranges::find(taken, operation) != taken.end())
+    if (is_taken(kind, operation))
         return;
     throw Failure{REFUSED,
                   operation_name(operation) + " of " + kind +
                       " would not work, as the daemon takes objects of this kind only by " +
                       joined(operation_names(taken), " and ") + ": give vvlanctl object " +
                       operation_name(taken.front())};
+}
+
+/* So is everything of a kind that the daemon does not read. */
+bool is_taken(const std::string &kind, uint32_t operation)
+{
+    const std::span<const uint32_t> taken = words::taken_operations(kind);
+    return taken.empty() || std::ranges::find(taken, operation) != taken.end();
 }
 
 Strings operation_names(std::span<const uint32_t> operations)

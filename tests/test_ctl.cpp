@@ -191,7 +191,7 @@ constexpr Wrong WRONGS[] = {
     {"show colours", 2, "--help"},
     {"watch --count 0", 2, "at least 1"},
     {"", 2, "--help"},
-    {"fly", 2, "--help"},
+    {"fly 3", 2, "\"fly\" is no command"},
 };
 
 TEST_F(Ctl, RefusesWhatCannotWorkAndSaysWhy)
@@ -388,6 +388,9 @@ TEST_F(Ctl, HandlesAnyObjectInItsTextForm)
     EXPECT_EQ(run("object del " + kind + phone), 0);
     EXPECT_EQ(run("object del " + kind + phone), 1);
     EXPECT_EQ(run("object hset p_bridge.vvlan_glb_cfg age_time=9"), 0);
+    EXPECT_EQ(udp_vvlan_glb.age_time, 9);
+    EXPECT_EQ(run("object del p_bridge.vvlan_glb_cfg"), 0);
+    EXPECT_THAT(err.str(), HasSubstr("stays in force"));
     EXPECT_EQ(udp_vvlan_glb.age_time, 9);
     EXPECT_EQ(run("object hset u_bridge.vvlan_port_cfg index.ifx=7"), 2) << "it has no field";
     EXPECT_EQ(run("object publish s_bridge.vvlan_port_noty index.phyid=259"), 0) << err.str();

@@ -34,8 +34,10 @@
  * A lost link, a refused write (memory full), an answer that does not come within
  * three seconds (during which the loop turns: one that stands still has nobody to
  * blame), a server that lost its scripts: all end the connection, both links, and it
- * is made anew, after 10 ms growing to 1 s, with jitter. The same
- * server process is reconnect type 2, any other type 1. Connections that were lost
+ * is made anew, after 10 ms growing to 1 s, with jitter. The same server process with
+ * the same history (run_id and master_replid) is reconnect type 2, any other type 1: a
+ * master that was a replica meanwhile may hold other data. (A master that gets its
+ * first replica begins a new history too; that costs a type 1.) Connections that were lost
  * together are told to be back together, if the others take no longer than two
  * seconds more: a program should not resynchronise with half of its databases. A
  * server that still loads its data refuses all requests; it is asked again in the

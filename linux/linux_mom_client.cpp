@@ -437,6 +437,20 @@ std::string link_name(const Connection &c, const char *role)
     return "vvlan:" + std::to_string(getpid()) + ":" + c.prefix + role;
 }
 
+/* Of a line of INFO; "" where there is none. */
+std::string_view value_in(std::string_view info, std::string_view name)
+{
+    const size_t at = info.find(name);
+    if (at == std::string_view::npos)
+        return "";
+    info.remove_prefix(at + name.size());
+    return info.substr(0, info.find('\r'));
+}
+
+/*
+ * What makes it the same server again: the process, and the history of its data. A master
+ * that was a replica meanwhile has another history.
+ */
 void greet(Connection &c)
 {
     expect_within(c, PATIENCE, "to the greeting");
@@ -454,9 +468,10 @@ void greet(Connection &c)
                    [&c, i](const redisReply &reply) { c.digests[i] = redis::text_of(reply); });
     }
     greet_with(c, {"INFO", "server"}, [&c](const redisReply &reply) {
-        const std::string_view text = redis::text_of(reply);
-        const size_t at = text.find("run_id:");
-        c.instance = at == std::string_view::npos ? "" : text.substr(at + 7, 40);
+        c.instance = value_in(redis::text_of(reply), "run_id:");
+    });
+    greet_with(c, {"INFO", "replication"}, [&c](const redisReply &reply) {
+        c.instance += value_in(redis::text_of(reply), "master_replid:");
         greeted(c);
     });
 }

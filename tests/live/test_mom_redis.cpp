@@ -237,6 +237,17 @@ TEST_F(MomRedis, AKilledServerIsAnotherOneWhetherItKeptItsDataOrNot)
     }
 }
 
+TEST_F(MomRedis, AMasterThatWasAReplicaMeanwhileIsAnotherServer)
+{
+    begin();
+    for (const std::string &id : server->clients("name=vvlan:"))
+        server->command({"CLIENT", "KILL", "ID", id});
+    server->command({"REPLICAOF", "127.0.0.1", "1"});
+    server->command({"REPLICAOF", "NO", "ONE"});
+    EXPECT_TRUE(until([] { return link_events.size() == 4; }));
+    EXPECT_THAT(link_events, ElementsAre("lost", "lost", "back 1", "back 1"));
+}
+
 TEST_F(MomRedis, AServerThatStillLoadsIsAskedUntilItHasItsData)
 {
     server = std::make_unique<RedisServer>(std::vector<std::string>{"--appendonly", "yes"});

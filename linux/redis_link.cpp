@@ -1,6 +1,7 @@
 #include "linux/redis_link.h"
 
 #include "linux/linux_loop.h"
+#include "linux/redis_lookup.h"
 
 #include <algorithm>
 #include <array>
@@ -409,34 +410,24 @@ int connect_unix(const std::string &path)
 }
 
 /* One of the addresses of the host, in their order; it is noted as the number. */
-int connect_found(const addrinfo *found, Address &address, unsigned *alternatives)
-{
-    *alternatives = 1;
-    for (const addrinfo *each = found->ai_next; each != nullptr; each = each->ai_next)
-        ++*alternatives;
-    const addrinfo *chosen = found;
-    for (unsigned i = 0; i < address.attempt % *alternatives; i++)
-        chosen = chosen->ai_next;
-    std::array<char, NI_MAXHOST> number;
-    if (getnameinfo(chosen->ai_addr, chosen->ai_addrlen, number.data(), number.size(), nullptr, 0,
-                    NI_NUMERICHOST) == 0)
-        address.number = number.data();
-    return connect_socket(chosen->ai_family, chosen->ai_addr, chosen->ai_addrlen);
-}
-
 int connect_tcp(Address &address, unsigned *alternatives, std::string *why)
 {
-    addrinfo wanted = {};
-    wanted.ai_socktype = SOCK_STREAM;
-    wanted.ai_flags = AI_NUMERICSERV;
-    addrinfo *found = nullptr;
     const std::string &host = address.number.empty() ? address.host : address.number;
-    const std::string port = std::to_string(address.port);
-    if (const int error = getaddrinfo(host.c_str(), port.c_str(), &wanted, &found); error != 0) {
-        *why = host + ": " + gai_strerror(error);
+    const std::vector<std::string> numbers = lookup(host, why);
+    if (numbers.empty()) {
+        *why = host + ": " + *why;
         return -EHOSTUNREACH;
     }
-    const int fd = connect_found(found, address, alternatives);
+    *alternatives = static_cast<unsigned>(numbers.size());
+    address.number = numbers[address.attempt % numbers.size()];
+    addrinfo wanted = {};
+    wanted.ai_socktype = SOCK_STREAM;
+    wanted.ai_flags = AI_NUMERICHOST | AI_NUMERICSERV;
+    addrinfo *found = nullptr;
+    const std::string port = std::to_string(address.port);
+    if (getaddrinfo(address.number.c_str(), port.c_str(), &wanted, &found) != 0)
+        return -EHOSTUNREACH;
+    const int fd = connect_socket(found->ai_family, found->ai_addr, found->ai_addrlen);
     freeaddrinfo(found);
     const int on = 1;
     if (fd >= 0) {

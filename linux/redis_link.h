@@ -3,7 +3,7 @@
  *
  * hiredis takes replies apart; sockets and buffers are kept here. That is what
  * lets one connection serve both the event loop and the synchronous calls: a
- * caller that must wait turns the link by itself (redis_links_wait()), and what
+ * caller that must wait turns the link by itself (links_wait()), and what
  * it was not waiting for is handled as it would have been from the loop. A
  * second connection for such calls could overtake requests that are still
  * queued here.
@@ -48,7 +48,8 @@ using Arguments = std::span<const std::string_view>;
 
 /*
  * A Unix socket if there is a path, else TCP. A host that is a name is looked up
- * whenever a link is opened to it, and the caller waits for that.
+ * (linux/redis_lookup.h) when a link is opened to it; the caller may wait two seconds for
+ * that, once.
  */
 struct Address {
     std::string path = {};

@@ -330,7 +330,7 @@ TEST_F(ManyMachines, AReplicaIsNotWrittenToNorListenedTo)
         EXPECT_EQ(kt_mom_set(writer, 4, make(PORT, port_text(2)), 0, 0), -ENOTCONN);
         server.command({"REPLICAOF", "NO", "ONE"});
         EXPECT_TRUE(until([&] { return events.size() == 2; }));
-        EXPECT_THAT(events, ElementsAre("lost", "back 2"));
+        EXPECT_THAT(events, ElementsAre("lost", "back 1")) << "it may hold other data";
         events.clear();
         logged.clear();
     };

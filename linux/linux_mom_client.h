@@ -118,9 +118,11 @@ struct Scan {
     uint64_t serial = 0;
     std::string cursor = "0";
     bool is_awaited = false; /* a page is on its way */
-    bool is_last = false;
+    bool is_last = false;    /* the page that came last ends the scan */
+    size_t ahead = 0;        /* pages asked for since the queue had its turn */
     redis::Reply page = {};
-    size_t at = 0; /* the next one of its elements */
+    redis::Reply next = {}; /* the page behind it, if that is there */
+    size_t at = 0;          /* the next one of the page's elements */
 };
 
 /* A change or a message without an object for a subscription, or something else. */
@@ -196,7 +198,8 @@ struct Connection : std::enable_shared_from_this<Connection> {
     event *deliver_event = nullptr;
     bool is_armed = false;
     bool is_delivering = false;
-    std::deque<Scan> scans; /* the first is running */
+    bool is_yielding = false; /* the sockets have a turn before the next delivery */
+    std::deque<Scan> scans;   /* the first is running */
     uint64_t scan_count = 0;
     std::vector<Channel> channels; /* by kind */
     std::vector<SubscriptionPtr> watchers;

@@ -86,7 +86,7 @@ void arm(Connection &c)
         return;
     c.is_armed = true;
     const timeval now = {0, 0};
-    if (c.is_delivering)
+    if (c.is_delivering || c.is_yielding)
         event_add(c.deliver_event, &now); /* in the next turn, or the sockets would starve */
     else
         event_active(c.deliver_event, EV_TIMEOUT, 0);
@@ -112,7 +112,8 @@ void deliver(Connection &c)
     const int64_t until = linux_loop_now() + DELIVER_FOR;
     bool has_more = true;
     c.is_delivering = true;
-    for (size_t i = 1; has_more; i++) {
+    c.is_yielding = false;
+    for (size_t i = 1; has_more && !c.is_yielding; i++) {
         has_more = deliver_one(c) && !c.has_ended;
         if (i % DELIVERIES_UNTIMED == 0 && linux_loop_now() >= until)
             break;
@@ -354,12 +355,12 @@ namespace
 /* False when there is nothing to deliver now. */
 bool deliver_one(Connection &c)
 {
-    if (!c.scans.empty() && c.scans.front().is_awaited)
-        return false; /* armed again when the page is there */
     if (!c.scans.empty() && c.scans.front().page != nullptr) {
         scan_deliver(c);
         return true;
     }
+    if (!c.scans.empty() && c.scans.front().is_awaited)
+        return false; /* armed again when the page is there */
     if (c.queue.empty())
         return false;
     Item item = std::move(c.queue.front());

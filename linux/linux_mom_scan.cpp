@@ -11,9 +11,11 @@ namespace
 {
 
 constexpr const char *PAGE = "1000"; /* objects, about */
+constexpr size_t AHEAD_MAX = 4;      /* pages before the queue has its turn */
 
 std::vector<std::string_view> page_arguments(const Selector &selector, const std::string &cursor);
 void ask_page(Connection &c);
+void ask_ahead(Connection &c);
 void begin(Connection &c);
 void show_behind_queue(Connection &c);
 bool show_next(Connection &c, Known::Place *place);
@@ -66,8 +68,12 @@ void scan_deliver(Connection &c)
         tell_scanned(c, scan.receiver, *change);
         return;
     }
-    scan.page.reset();
-    go_on(c);
+    scan.page = std::move(scan.next);
+    scan.at = 0;
+    if (scan.page != nullptr)
+        ask_ahead(c);
+    else if (!scan.is_awaited)
+        go_on(c);
 }
 
 Change change_of(size_t kind, std::string_view key, std::string_view stored)
@@ -95,9 +101,24 @@ void ask_page(Connection &c)
 {
     Scan &scan = c.scans.front();
     scan.is_awaited = true;
+    scan.ahead++;
     request(
         c, page_arguments(scan.selector, scan.cursor),
         [&c](redis::Reply reply) { take_page(c, std::move(reply)); }, true);
+}
+
+/*
+ * The server looks for the next page while this one is delivered, once it has been
+ * asked. All of them go ahead of the queue, so that no page is older than a change
+ * that was told before it.
+ */
+void ask_ahead(Connection &c)
+{
+    const Scan &scan = c.scans.front();
+    if (scan.is_last || scan.ahead >= AHEAD_MAX)
+        return;
+    c.is_yielding = true;
+    ask_page(c);
 }
 
 /*
@@ -148,8 +169,13 @@ void take_page(Connection &c, redis::Reply reply)
     if (!take_cursor(c, *reply, scan.selector.kind, &scan.cursor))
         return;
     scan.is_last = scan.cursor == "0";
-    scan.page = std::move(reply);
-    scan.at = 0;
+    if (scan.page == nullptr) {
+        scan.page = std::move(reply);
+        scan.at = 0;
+        ask_ahead(c);
+    } else {
+        scan.next = std::move(reply);
+    }
     arm(c);
 }
 
@@ -204,7 +230,10 @@ void go_on(Connection &c)
     if (c.scans.front().is_last)
         fence(c, [&c] { enqueue_notice(c, [&c] { finish(c); }); });
     else
-        enqueue_notice(c, [&c] { ask_page(c); });
+        enqueue_notice(c, [&c] {
+            c.scans.front().ahead = 0;
+            ask_page(c);
+        });
 }
 
 /* The fence behind the last page is back, and all that it held back is delivered. */

@@ -240,8 +240,8 @@ std::string environment()
     std::string made;
     for (const linux_env_variable &variable : linux_env_table()) {
         std::string body = prose(variable.meaning);
-        if (*variable.standard != '\0')
-            body += ".br\nDefault: " + code(variable.standard) + "\n";
+        if (*variable.by_default != '\0')
+            body += ".br\nDefault: " + code(variable.by_default) + "\n";
         made += item(bold(variable.name), body);
     }
     return section(made);

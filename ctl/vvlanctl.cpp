@@ -113,7 +113,7 @@ std::string server_text()
         return value;
     for (const linux_env_variable &variable : linux_env_table()) {
         if (std::strcmp(variable.name, ctl::MOM_VARIABLE) == 0)
-            return variable.standard;
+            return variable.by_default;
     }
     return {};
 }

@@ -13,40 +13,11 @@
 namespace
 {
 
-constexpr char MOM_STANDARD[] = "unix:/run/vvlan/mom.sock";
-constexpr char SHELL_STANDARD[] = "/run/vvlan/shell.sock";
+constexpr char MOM_DEFAULT[] = "unix:/run/vvlan/mom.sock";
+constexpr char SHELL_DEFAULT[] = "/run/vvlan/shell.sock";
 constexpr char PORTS_FILE[] = "/etc/vvlan/ports";
 constexpr size_t SENTINELS_MAX = 8;
 constexpr size_t SOCKET_PATH_MAX = sizeof(sockaddr_un{}.sun_path) - 1;
-
-constexpr linux_env_variable TABLE[] = {
-    {"VVLAN_MOM", MOM_STANDARD,
-     "Where the object database listens: unix:PATH, tcp:HOST:PORT, tls:HOST:PORT, or "
-     "sentinel:HOST:PORT[,HOST:PORT...]/NAME for the server that Sentinel calls NAME. An IPv6 "
-     "address stands in brackets."},
-    {"VVLAN_MOM_USER", "", "The user to log in to the database as; by default the default user."},
-    {"VVLAN_MOM_PASSWORD_FILE", "",
-     "A file whose first line is that user's password; it is read at every connect."},
-    {"VVLAN_MOM_CA", "",
-     "A file of certificates that the server's must be signed by (tls: and sentinel: only); by "
-     "default the host's own. With sentinel: TLS is spoken if this is set, to the Sentinels and "
-     "to the server."},
-    {"VVLAN_MOM_CERT", "",
-     "A file with the certificate to show to a server that asks for one, and its chain (tls: and "
-     "sentinel: only)."},
-    {"VVLAN_MOM_KEY", "", "A file with that certificate's key."},
-    {"VVLAN_MOM_CARD", "0",
-     "The number of this line card among those that share the server, 0 to 1023; its databases are "
-     "those from 16 times the number on, and the server's `databases` must be 16 times as many as "
-     "there are cards."},
-    {"VVLAN_SHELL", SHELL_STANDARD, "The Unix socket of the debug shell."},
-    {"VVLAN_PORTS", "/etc/vvlan/ports if it exists, else host",
-     "The ports: host for the host's own interfaces, or a file of lines \"ifx phyid name\", "
-     "which is read again at SIGHUP."},
-};
-
-/* What a variable's value does: fills settings and returns "", or says why it cannot work. */
-using Take = std::string (*)(std::string_view value, linux_env_settings *settings);
 
 std::string take_mom(std::string_view value, linux_env_settings *settings);
 std::string take_user(std::string_view value, linux_env_settings *settings);
@@ -58,10 +29,38 @@ std::string take_card(std::string_view value, linux_env_settings *settings);
 std::string take_shell(std::string_view value, linux_env_settings *settings);
 std::string take_ports(std::string_view value, linux_env_settings *settings);
 
-/* In the order of TABLE. */
-constexpr Take TAKES[] = {take_mom, take_user, take_password_file, take_ca,   take_certificate,
-                          take_key, take_card, take_shell,         take_ports};
-static_assert(std::size(TAKES) == std::size(TABLE));
+constexpr linux_env_variable TABLE[] = {
+    {"VVLAN_MOM", MOM_DEFAULT,
+     "Where the object database listens: unix:PATH, tcp:HOST:PORT, tls:HOST:PORT, or "
+     "sentinel:HOST:PORT[,HOST:PORT...]/NAME for the server that Sentinel calls NAME. An IPv6 "
+     "address stands in brackets.",
+     take_mom},
+    {"VVLAN_MOM_USER", "", "The user to log in to the database as; by default the default user.",
+     take_user},
+    {"VVLAN_MOM_PASSWORD_FILE", "",
+     "A file whose first line is that user's password; it is read at every connect.",
+     take_password_file},
+    {"VVLAN_MOM_CA", "",
+     "A file of certificates that the server's must be signed by (tls: and sentinel: only); by "
+     "default the host's own. With sentinel: TLS is spoken if this is set, to the Sentinels and "
+     "to the server.",
+     take_ca},
+    {"VVLAN_MOM_CERT", "",
+     "A file with the certificate to show to a server that asks for one, and its chain (tls: and "
+     "sentinel: only).",
+     take_certificate},
+    {"VVLAN_MOM_KEY", "", "A file with that certificate's key.", take_key},
+    {"VVLAN_MOM_CARD", "0",
+     "The number of this line card among those that share the server, 0 to 1023; its databases are "
+     "those from 16 times the number on, and the server's `databases` must be 16 times as many as "
+     "there are cards.",
+     take_card},
+    {"VVLAN_SHELL", SHELL_DEFAULT, "The Unix socket of the debug shell.", take_shell},
+    {"VVLAN_PORTS", "/etc/vvlan/ports if it exists, else host",
+     "The ports: host for the host's own interfaces, or a file of lines \"ifx phyid name\", "
+     "which is read again at SIGHUP.",
+     take_ports},
+};
 
 struct Environment {
     bool is_read = false;
@@ -89,12 +88,12 @@ std::string linux_env_parse(const std::function<const char *(const char *)> &get
                             linux_env_settings *settings)
 {
     *settings = {};
-    for (size_t i = 0; i < std::size(TABLE); i++) {
-        const char *set = get(TABLE[i].name);
+    for (const linux_env_variable &variable : TABLE) {
+        const char *set = get(variable.name);
         const bool is_set = set != nullptr && *set != '\0';
-        const std::string why = TAKES[i](is_set ? set : "", settings);
+        const std::string why = variable.take(is_set ? set : "", settings);
         if (!why.empty())
-            return std::string(TABLE[i].name) + "=" + (is_set ? set : "") + ": " + why;
+            return std::string(variable.name) + "=" + (is_set ? set : "") + ": " + why;
     }
     return "";
 }
@@ -180,7 +179,7 @@ std::string take_sentinel(std::string_view rest, linux_env_mom *mom)
 std::string take_mom(std::string_view value, linux_env_settings *settings)
 {
     if (value.empty())
-        value = MOM_STANDARD;
+        value = MOM_DEFAULT;
     linux_env_mom &mom = settings->mom;
     const size_t colon = std::min(value.find(':'), value.size());
     const std::string_view way = value.substr(0, colon);
@@ -258,7 +257,7 @@ std::string take_card(std::string_view value, linux_env_settings *settings)
 
 std::string take_shell(std::string_view value, linux_env_settings *settings)
 {
-    settings->shell = value.empty() ? SHELL_STANDARD : value;
+    settings->shell = value.empty() ? SHELL_DEFAULT : value;
     return check_socket(settings->shell);
 }
 

@@ -4,11 +4,14 @@
  * The daemon has neither command line nor configuration file; only what a host
  * decides (where the database listens, where sockets and files lie) comes from
  * the environment. One table names every variable with its default and its
- * meaning; documentation, manual pages and `help` texts are made from it, and
- * the same table drives the reading. A variable that is set to nothing counts
- * as not set. A value that cannot work is refused with one sentence that names
- * the variable, the value and what would work: a daemon that guesses would
+ * meaning; manual pages are made from it, and the same table drives the reading.
+ * A variable that is set to nothing counts as not set. A value that cannot work is refused with one
+ * sentence that names the variable, the value and what would work: a daemon that guesses would
  * serve the wrong database.
+ *
+ * Not in the table is what no person sets: NOTIFY_SOCKET, WATCHDOG_USEC and
+ * VVLAN_SUPERVISE_FILE (linux_restart) and JOURNAL_STREAM (linux_log) come from
+ * whoever starts the process.
  */
 #ifndef LINUX_LINUX_ENV_H
 #define LINUX_LINUX_ENV_H
@@ -17,12 +20,17 @@
 #include <functional>
 #include <span>
 #include <string>
+#include <string_view>
 #include <vector>
+
+struct linux_env_settings;
 
 struct linux_env_variable {
     const char *name;
-    const char *standard; /* its default, "" for none */
-    const char *meaning;  /* one or more sentences, for people */
+    const char *by_default; /* "" for nothing */
+    const char *meaning;    /* one or more sentences, for people */
+    /* Fills settings from a value, "" for the default; returns "" or why it cannot work. */
+    std::string (*take)(std::string_view value, linux_env_settings *settings);
 };
 
 /* The table, in the order in which people should read it. */

@@ -18,6 +18,7 @@
 
 #include "fastpath/fastpath.h"
 
+/* What the library holds now, for the debug shell and tests; it stands as long as the process. */
 const fastpath::Tables &linux_fp_tables();
 
 #endif

@@ -291,6 +291,8 @@ void queue_limit(size_t changes);
 
 /* Something in the server that is no object: logged once, counted. */
 void report_foreign(Connection &c, size_t kind, std::string_view key);
+/* The same of something without a key, in words. */
+void report_foreign_whole(Connection &c, size_t kind, const char *what);
 
 /* --- Scans */
 

@@ -22,6 +22,9 @@ constexpr size_t DELIVERIES_UNTIMED = 64; /* looked at the clock between so many
 
 size_t limit = QUEUE_LIMIT;
 
+bool is_news(Connection &c, size_t kind, std::string_view key);
+void log_foreign(const Connection &c, size_t kind, const char *name);
+std::string hex_of(std::string_view bytes);
 bool deliver_one(Connection &c);
 void run_step(Connection &c, Item item);
 void deliver_note(Connection &c, const Item &item);
@@ -229,7 +232,7 @@ void hear(Connection &c, std::string_view channel, std::string_view text)
     const size_t kind = place->second;
     const std::optional<redis::Note> told = redis::note_of(text);
     if (!told) {
-        report_foreign(c, kind, "(a message)");
+        report_foreign_whole(c, kind, "a message");
         return;
     }
     const Change change = change_of_note(kind, *told);
@@ -335,22 +338,50 @@ void restart_subscriptions(Connection &c, uint64_t made_before)
 
 void report_foreign(Connection &c, size_t kind, std::string_view key)
 {
-    c.counts.foreign++;
-    const std::string where = c.prefix + kinds()[kind].name + std::string(key);
-    if (c.reported.size() >= REPORTED_MAX ||
-        !c.reported.insert(std::hash<std::string>()(where)).second)
+    if (!is_news(c, kind, key))
         return;
-    std::string name(key);
-    if (!key.starts_with('(')) {
-        const object::Message object = object::from_key(*kinds()[kind].kind, key);
-        name = object == nullptr ? "(no key of the kind)" : object::to_text(*object);
-    }
-    LINUX_LOG(KTDF_ZLOG_LV_WARN, "database %u: %s %s is no object of this kind; passed over", c.db,
-              kinds()[kind].name.c_str(), name.c_str());
+    const object::Message object = object::from_key(*kinds()[kind].kind, key);
+    const std::string name = object == nullptr ? "key " + hex_of(key) : object::to_text(*object);
+    log_foreign(c, kind, name.c_str());
+}
+
+void report_foreign_whole(Connection &c, size_t kind, const char *what)
+{
+    if (is_news(c, kind, what))
+        log_foreign(c, kind, what);
 }
 
 namespace
 {
+
+/* Whether this is to be logged: what was is not logged again, and neither is all of a flood. */
+bool is_news(Connection &c, size_t kind, std::string_view key)
+{
+    c.counts.foreign++;
+    if (c.reported.size() >= REPORTED_MAX)
+        return false;
+    const std::string where = c.prefix + kinds()[kind].name + std::string(key);
+    return c.reported.insert(std::hash<std::string>()(where)).second;
+}
+
+void log_foreign(const Connection &c, size_t kind, const char *name)
+{
+    LINUX_LOG(KTDF_ZLOG_LV_WARN, "database %u: %s %s is no object of this kind; passed over%s",
+              c.db, kinds()[kind].name.c_str(), name,
+              c.reported.size() < REPORTED_MAX ? "" : "; further ones are not logged");
+}
+
+std::string hex_of(std::string_view bytes)
+{
+    constexpr size_t SHOWN_MAX = 32;
+    constexpr char DIGITS[] = "0123456789abcdef";
+    std::string text;
+    for (const char byte : bytes.substr(0, SHOWN_MAX)) {
+        text += DIGITS[static_cast<unsigned char>(byte) >> 4];
+        text += DIGITS[static_cast<unsigned char>(byte) & 15];
+    }
+    return bytes.size() > SHOWN_MAX ? text + "..." : text;
+}
 
 /* False when there is nothing to deliver now. */
 bool deliver_one(Connection &c)

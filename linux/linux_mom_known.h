@@ -51,9 +51,13 @@ public:
         uint64_t rebuilt = 0;
     };
 
+    /* The owner was told of this object; what no longer fits in is not kept (is_whole()). */
     void put(std::string_view key, std::string_view message);
+    /* The same of one that the owner has to be told is gone unless a scan shows it. */
     void put_doubtful(std::string_view key, std::string_view message);
+    /* The owner was told that it is gone; unknown keys are passed over. */
     void erase(std::string_view key);
+    /* Until put() again every object may be gone. */
     void doubt_all();
 
     /*

@@ -191,7 +191,7 @@ bool take_cursor(Connection &c, const redisReply &page, size_t kind, std::string
         lose(c, std::string(redis::text_of(page)));
         return false;
     }
-    report_foreign(c, kind, "(the whole kind)");
+    report_foreign_whole(c, kind, "the whole kind");
     return true;
 }
 

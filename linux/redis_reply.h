@@ -26,7 +26,9 @@ using Reply = std::unique_ptr<redisReply, FreeReply>;
 /* A reader whose replies must become Reply; to be freed with redisReaderFree(). */
 redisReader *reply_reader();
 
+/* The bytes of a string or an error; empty for any other reply. They go with the reply. */
 std::string_view text_of(const redisReply &reply);
+/* The server refused; text_of() says why. */
 bool is_error(const redisReply &reply);
 
 } // namespace redis

@@ -79,6 +79,7 @@ constexpr const char *REAP_KEY = "vvlan:deadlines";
 /* How long an owner may be silent, in milliseconds; as text, for the scripts. */
 constexpr const char *LEASE = "15000";
 
+/* What SCRIPT LOAD and EVAL are given. */
 std::string script_text(Script script);
 
 } // namespace redis

@@ -55,13 +55,17 @@ struct Note {
     std::string_view message;
 };
 
+/* What was stored or published, taken apart; nothing when it is not of our form. */
 std::optional<Value> value_of(std::string_view stored);
 std::optional<Note> note_of(std::string_view published);
+/* The reverse: what the scripts publish. */
 std::string note_text(const Note &note);
 
+/* Field numbers as four bytes each, and back. */
 std::vector<uint32_t> numbers_of(std::string_view fields);
 std::string fields_text(const std::vector<uint32_t> &numbers);
 
+/* A message's bytes on the wire. */
 std::string pack(const ProtobufCMessage &message);
 
 /*

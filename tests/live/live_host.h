@@ -5,8 +5,8 @@
  * database and is remembered. From that, and from the join records that stood
  * when a daemon began, follows all that a daemon has to write and to know once it
  * has synchronised; implied() is that rule, written down without any of the
- * daemon's code. Nothing is slept for: every wait turns the loop of the test's own
- * client until what is waited for is seen, or PATIENCE has run out.
+ * daemon's code. Every wait turns the loop of the test's own client until what is
+ * waited for is seen, or PATIENCE has run out.
  */
 #ifndef TESTS_LIVE_LIVE_HOST_H
 #define TESTS_LIVE_LIVE_HOST_H

@@ -469,6 +469,7 @@ TEST_F(MomRedis, WhatIsNoObjectIsReportedOnceAndPassedOver)
     EXPECT_EQ(losses(), 0U);
     const std::string said = testing::internal::GetCapturedStderr();
     EXPECT_THAT(said, HasSubstr("p_bridge.vvlan_port_cfg index.ifx=7 is no object"));
+    EXPECT_THAT(said, HasSubstr("p_bridge.vvlan_port_cfg key 6f6464206b6579 is no object"));
     size_t times = 0;
     for (size_t at = 0; (at = said.find("index.ifx=7 is", at)) != said.npos; at++)
         times++;

@@ -80,7 +80,8 @@ struct Host {
 
     /*
      * Writes as much of the text to the output as can be written without
-     * waiting. Returns how many bytes that was, or -1 when nobody reads any more.
+     * waiting. Returns how many bytes that was, -EPIPE when nobody reads any
+     * more, or another negative errno value when it cannot be written.
      */
     std::function<long(std::string_view text)> write_now;
 

@@ -5,6 +5,7 @@
 #include <cstring>
 #include <poll.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -22,7 +23,8 @@ constexpr size_t ANSWER_MAX = 64u << 20; /* several times what the daemon sends 
 class Socket
 {
 public:
-    explicit Socket(const std::string &path);
+    /* `milliseconds` also for send(). */
+    Socket(const std::string &path, int milliseconds);
     ~Socket()
     {
         ::close(fd);
@@ -77,7 +79,7 @@ ShellAnswer shell_ask(const std::string &path, const std::string &line, int mill
 {
     if (line.find_first_of(std::string_view("\n\0", 2)) != std::string::npos)
         throw Failure{USAGE, "a command of the debug shell is one line"};
-    const Socket socket(path);
+    const Socket socket(path, milliseconds);
     socket.send(line + "\n");
     std::string received;
     ShellAnswer answer;
@@ -108,7 +110,7 @@ void no_reach(const std::string &why)
     throw Failure{NO_REACH, why};
 }
 
-Socket::Socket(const std::string &path)
+Socket::Socket(const std::string &path, int milliseconds)
 {
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
@@ -119,10 +121,14 @@ Socket::Socket(const std::string &path)
     fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (fd < 0)
         no_reach(std::string("cannot make a socket: ") + std::strerror(errno));
+    const timeval limit = {milliseconds / 1000, milliseconds % 1000 * 1000L};
+    ::setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit); /* connecting is sending */
     if (::connect(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0)
         return;
     const int error = errno;
     ::close(fd);
+    if (error == EAGAIN)
+        no_reach("the debug shell does not answer");
     const char *hint = error == ENOENT || error == ECONNREFUSED ? " (the daemon is not running)"
                        : error == EACCES ? " (is your user in the daemon's group?)"
                                          : "";

@@ -22,7 +22,7 @@ bool shell_answer_parse(std::string_view received, ShellAnswer *answer);
 
 /*
  * Sends one line to the Unix socket `path` and waits for the answer, at most
- * `milliseconds` from byte to byte. Throws Failure.
+ * `milliseconds` for each step: to connect, to send, from byte to byte. Throws Failure.
  */
 ShellAnswer shell_ask(const std::string &path, const std::string &line, int milliseconds);
 

@@ -1,8 +1,10 @@
 #include "ctl/ctl_watch.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <cstdio>
+#include <cstring>
 #include <ctime>
 #include <exception>
 #include <functional>
@@ -58,7 +60,12 @@ public:
     {
         return text.size() == written;
     }
-    bool is_closed = false; /* nobody reads any more */
+    size_t waiting() const
+    {
+        return lines;
+    }
+    bool is_closed = false; /* it takes no more */
+    long failure = 0;       /* why, a negative errno value */
     uint64_t skipped = 0;
 
     /* Once it was full, only when half of it is out: fewer gaps, each told once. */
@@ -190,6 +197,7 @@ void Queue::write()
     while (!is_empty() && !is_closed) {
         const long count = host.write_now(std::string_view(text).substr(written));
         is_closed = count < 0;
+        failure = std::min(count, 0L);
         if (count <= 0)
             return;
         const auto from = text.begin() + static_cast<std::ptrdiff_t>(written);
@@ -395,7 +403,7 @@ std::string Watch::stamp()
     return second_text + text;
 }
 
-/* Waits for a slow output, but not for one that stands still. */
+/* Waits for a slow output, but not for one that stands still, nor when a person interrupts. */
 void Watch::finish()
 {
     queue.write();
@@ -403,6 +411,12 @@ void Watch::finish()
     queue.write();
     context.host.run([&] { return queue.is_empty() || queue.is_closed; }, PATIENCE);
     is_over = true;
+    if (queue.is_closed && queue.failure != -EPIPE)
+        throw Failure{REFUSED, std::string("the output cannot be written: ") +
+                                   std::strerror(static_cast<int>(-queue.failure))};
+    if (!queue.is_empty() && !queue.is_closed)
+        context.host.err << "vvlanctl: note: the output did not take the last " << queue.waiting()
+                         << " lines\n";
 }
 
 /* --- Callbacks; nothing is thrown through the library */

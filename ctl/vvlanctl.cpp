@@ -39,7 +39,8 @@ kt_global *context = nullptr;
  */
 constexpr size_t NOTES_MAX = 16;
 constexpr std::string_view NO_CONNECTION = "not connected: ";
-std::vector<std::string> notes;
+std::vector<std::string> notes; /* but for the connections */
+std::string trouble;            /* the latest with a connection */
 int take_note(const linux_log_line &line);
 
 /* The environment, after the options were put into it. */
@@ -74,10 +75,8 @@ int main(int count, char **arguments)
                    {}};
     linux_log_divert(take_note);
     const int status = ctl::ctl_main(count, arguments, host);
-    for (const std::string &note : notes) {
-        if (note.find(NO_CONNECTION) == std::string::npos) /* the command has told of those */
-            std::cerr << "vvlanctl: note: " << note << '\n';
-    }
+    for (const std::string &note : notes)
+        std::cerr << "vvlanctl: note: " << note << '\n';
     return status;
 }
 
@@ -120,19 +119,18 @@ std::string server_text()
 
 int take_note(const linux_log_line &line)
 {
-    if (line.level >= KTDF_ZLOG_LV_WARN && notes.size() < NOTES_MAX)
+    const size_t at = line.text.find(NO_CONNECTION);
+    if (at != std::string_view::npos)
+        trouble = line.text.substr(at + NO_CONNECTION.size());
+    else if (line.level >= KTDF_ZLOG_LV_WARN && notes.size() < NOTES_MAX)
         notes.emplace_back(line.text);
     return 0;
 }
 
-/* "database 4: not connected: No such file or directory" */
+/* Of "database 4: not connected: No such file or directory" the end. */
 std::string trouble_text()
 {
-    for (auto note = notes.rbegin(); note != notes.rend(); ++note) {
-        if (const size_t at = note->find(NO_CONNECTION); at != std::string::npos)
-            return note->substr(at + NO_CONNECTION.size());
-    }
-    return {};
+    return trouble;
 }
 
 /* The words that such an answer begins with are the server's. */
@@ -177,12 +175,12 @@ long write_now(std::string_view text)
     if (::poll(&out, 1, 0) <= 0)
         return 0;
     if ((out.revents & (POLLERR | POLLNVAL)) != 0)
-        return -1;
+        return (out.revents & POLLERR) != 0 ? -EPIPE : -EBADF;
     const ssize_t count =
         ::write(STDOUT_FILENO, text.data(), std::min<size_t>(text.size(), PIPE_BUF));
     if (count >= 0)
         return count;
-    return errno == EAGAIN || errno == EINTR ? 0 : -1;
+    return errno == EAGAIN || errno == EINTR ? 0 : -errno;
 }
 
 /* The words, and how many of them have been looked at for the word that is being typed. */

@@ -11,6 +11,7 @@
 #include <sys/socket.h>
 #include <system_error>
 #include <thread>
+#include <utility>
 
 namespace redis
 {
@@ -29,6 +30,7 @@ struct Name {
     std::mutex mutex;
     std::condition_variable answered;
     bool is_asked = false;
+    bool was_awaited = false; /* once is enough to stand still */
     Clock::time_point fresh_until = Clock::time_point::min();
     std::vector<std::string> numbers;
     std::string why; /* there are none */
@@ -57,11 +59,11 @@ std::vector<std::string> lookup(const std::string &host, std::string *why)
     std::unique_lock lock(name->mutex);
     if (!name->is_asked && Clock::now() >= name->fresh_until) {
         ask(name, host);
-        if (name->numbers.empty())
+        if (name->numbers.empty() && !std::exchange(name->was_awaited, true))
             name->answered.wait_for(lock, FIRST_WAIT, [&] { return !name->is_asked; });
     }
     if (name->numbers.empty())
-        *why = name->is_asked ? "no answer from the resolver yet" : name->why;
+        *why = name->why.empty() ? "no answer from the resolver yet" : name->why;
     return name->numbers;
 }
 

@@ -8,9 +8,9 @@
  * is asked for anew beside that: if the name has moved, a later attempt to connect hears
  * of it. What is known stays known while the resolver fails.
  *
- * Limits: who asks for a name of which nothing is known waits two seconds at most, and not
- * at all while that question stays open. An address in figures is never looked up. 64 names
- * are remembered; one more, and all are forgotten.
+ * Limits: who asks for a name for the first time waits two seconds at most; later nobody
+ * waits, and a name of which nothing is known yet fails at once. An address in figures is never
+ * looked up. 64 names are remembered; one more, and all are forgotten.
  */
 #ifndef LINUX_REDIS_LOOKUP_H
 #define LINUX_REDIS_LOOKUP_H

@@ -29,16 +29,19 @@ local function parse(value)
             message = value:sub(message)}
 end
 
+-- Where a kind's name holds no hash there is no object; the first that is put takes the place.
+local is_foreign = false
+
 local function get(of, key)
     local value = redis.pcall('HGET', of, key)
-    if type(value) == 'table' then
-        call('DEL', of)
-        return false
-    end
-    return value
+    if type(value) ~= 'table' then return value end
+    if not value.err:find('WRONGTYPE', 1, true) then return call('HGET', of, key) end
+    is_foreign = true
+    return false
 end
 
 local function put(key, object)
+    if is_foreign then call('DEL', kind) end
     local flags = (object.fieldwise and 1 or 0) + (object.owner ~= '' and 2 or 0)
     call('HSET', kind, key, 'K' .. char(flags, #object.writers / 8, #object.fields / 4) ..
         object.writers .. object.owner .. object.fields .. object.message)

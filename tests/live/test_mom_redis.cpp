@@ -503,6 +503,10 @@ TEST_F(MomRedis, WhatIsNoObjectGivesWayToOne)
     kt_mom_dsbegin_sync(program, 4, make(PORT), 0, 0);
     settle();
     EXPECT_THAT(seen.take(), ElementsAre("over"));
+    kt_mom_del(peer, 4, make(PORT, "index.ifx=1"), 0, 0);
+    kt_mom_dsend(program, 4, make(PORT), 0, nullptr);
+    settle();
+    EXPECT_EQ(server->command({"GET", PORT}), "a text") << "to delete no object changes nothing";
     set("index.ifx=1");
     EXPECT_EQ(get("index.ifx=1"), "index.ifx=1");
     EXPECT_EQ(losses(), 0U);

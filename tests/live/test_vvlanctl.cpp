@@ -10,8 +10,11 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <pty.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <unistd.h>
 
+#include "ctl/ctl_shell.h"
 #include "tests/live/command.h"
 #include "tests/live/live_daemon.h"
 #include "tests/live/redis_server.h"
@@ -61,9 +64,27 @@ TEST_F(Vvlanctl, EndsWithAStatusThatTellsWhatHappened)
     EXPECT_EQ(status("--mom unix:/nowhere show"), 3);
     EXPECT_EQ(status("--mom nowhere show"), 2);
     EXPECT_EQ(status("show -j >/dev/full"), 1);
+    EXPECT_EQ(status("watch --since-start --for 5 >/dev/full"), 1);
+    EXPECT_EQ(status("watch --since-start --for 5 | true"), 0);
     server.freeze();
     EXPECT_EQ(status("port auto 3"), 3) << "no answer";
     server.thaw();
+}
+
+/* The shell's socket stands, but nobody takes what comes: a daemon that is stopped. */
+TEST_F(Vvlanctl, WaitsForNoShellForEver)
+{
+    const std::string path = server.directory() + "/full.sock";
+    sockaddr_un address = {AF_UNIX, {}};
+    path.copy(address.sun_path, sizeof address.sun_path - 1);
+    const auto *name = reinterpret_cast<const sockaddr *>(&address);
+    const int listener = socket(AF_UNIX, SOCK_STREAM, 0);
+    ASSERT_EQ(bind(listener, name, sizeof address), 0);
+    ASSERT_EQ(listen(listener, 0), 0);
+    EXPECT_THROW(ctl::shell_ask(path, "help", 20), ctl::Failure)
+        << "no answer, and its place is taken";
+    EXPECT_THROW(ctl::shell_ask(path, "help", 20), ctl::Failure) << "no place in the queue";
+    close(listener);
 }
 
 /* Whatever the server refuses a change for, one is told of it at once. */

@@ -477,8 +477,6 @@ int on_back(kt_global *, uint32_t db, int type)
     });
 }
 
-/* --- Helpers */
-
 void watch_with(const Context &context, const WatchOptions &options,
                 std::span<const uint32_t> databases, const std::function<void(Watch &)> &prepare)
 {

@@ -7,7 +7,7 @@
  * VVLAN_CATEGORY, and several lines of text stay one record. Otherwise it goes
  * to standard error as
  *
- *     <6>vvlan: port 3 joined [app/proc/udp_vvlan_port.cpp:120 udp_vvlan_port_join]
+ *     <6>vvlan: port 3 joined [app/proc/udp_vvlan_port.cpp:120 udp_vvlan_port_join_vvlan]
  *
  * with the journal's and syslog's priority in front: what any supervisor that
  * collects standard error understands. Levels: FATAL 2, ERROR 3, WARN 4,

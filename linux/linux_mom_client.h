@@ -203,29 +203,36 @@ struct Connection : std::enable_shared_from_this<Connection> {
     uint64_t scan_count = 0;
     std::vector<Channel> channels; /* by kind */
     std::vector<SubscriptionPtr> watchers;
-    std::vector<SubscriptionPtr> farewells; /* operation 28 that a loss held up */
+    std::vector<SubscriptionPtr> farewells; /* KT_MOM_UNSUBSCRIBED that a loss held up */
     size_t subscriptions = 0;
     uint64_t serials = 0;
     std::unordered_set<size_t> reported; /* digests of what was logged as foreign */
     linux_mom_state counts = {};
 };
 
-/* The connection of an open context, made when there is none yet; nullptr if there is no memory. */
+/*
+ * The connection of an open context to the database at `place` of the daemon's four, made
+ * when there is none yet; nullptr if there is no memory.
+ */
 Connection *connection_of(kt_global *global, size_t place);
 /* The same, but never made. */
 Connection *connection_find(const kt_global *global, size_t place);
 
+/* Of all contexts; the visitor makes and ends none. */
 void each_connection(const std::function<void(Connection &)> &visit);
 
 /* Requests, fences, scans and deliveries. */
 size_t under_way(const Connection &c);
+/* Whether calls may be made: the program was told that it is up, and it is. */
 bool works(const Connection &c);
+/* The same of synchronous calls, which wait for no telling. */
 bool sync_works(const Connection &c);
 
 /* Opens what the program asked for, if it is not open. */
 void connect_now(Connection &c);
-/* The same, and waits for the request link. */
+/* The same, and waits for the request link. 0 or -ENOTCONN. */
 int connect_wait(Connection &c);
+/* The connect callback is called from the queue; of several such calls the last counts. */
 void connect_told_later(Connection &c);
 
 /*
@@ -253,14 +260,18 @@ void lose(Connection &c, const std::string &why);
 /* Something is due in that many milliseconds. */
 void probe_within(Connection &c, int64_t millis);
 
+/* For tests: the clock of leases and deadlines is ahead of the server's by so much. */
 void clock_ahead(int64_t millis);
 
 /* --- Deliveries */
 
+/* The queue is looked at in this turn of the loop, or the next where the sockets come first. */
 void arm(Connection &c);
+/* Something for the end of the queue that is called once. */
 void enqueue_notice(Connection &c, std::function<void()> notice);
-/* The same for something that is called until it says true, before all else. */
+/* The same, but called until it says true; once its turn has come, before all else. */
 void enqueue_step(Connection &c, std::function<bool()> step);
+/* From the loop: what waits, for five milliseconds at most. */
 void deliver(Connection &c);
 /* The object of a change; nullptr, and reported, if there is none. */
 const ProtobufCMessage *object_of(Connection &c, const Change &change, redis::Unpacked &memory);
@@ -269,6 +280,7 @@ void call(Connection &c, const Receiver &receiver, const kt_mom_msg &msg);
 void call_with(Connection &c, const Receiver &receiver, const Change &change,
                const ProtobufCMessage *object);
 
+/* 0 or -ENOSPC: SUBSCRIPTIONS_MAX stand, watchers included. */
 int subscribe(Connection &c, const Receiver &receiver, Selector selector, uint32_t tag);
 int watch(Connection &c, const Receiver &receiver);
 void unsubscribe(Connection &c, const Receiver &receiver, const Selector &selector);
@@ -284,9 +296,11 @@ SubscriptionPtr shown_by(const Connection &c, const Scan &scan);
 void note_shown(Connection &c, const Scan &scan);
 /* Drops the queue, remembering what must not be lost. */
 void drop_queue(Connection &c);
+/* At the end of a context: nobody is told of anything any more. */
 void drop_subscriptions(Connection &c);
 /* After a reconnect: everything made before goes through its start again. */
 void restart_subscriptions(Connection &c, uint64_t made_before);
+/* For tests: changes that may wait for one subscription; 0: as it is by itself. */
 void queue_limit(size_t changes);
 
 /* Something in the server that is no object: logged once, counted. */
@@ -296,7 +310,9 @@ void report_foreign_whole(Connection &c, size_t kind, const char *what);
 
 /* --- Scans */
 
+/* One more scan, behind those that run or wait. 0 or -ENOSPC: SCANS_MAX do. */
 int scan(Connection &c, const Receiver &receiver, Selector selector);
+/* Shows everything before it returns. 0 or -ENOTCONN. */
 int scan_now(Connection &c, const Receiver &receiver, const Selector &selector);
 /* The next object of the running scan's page, or what follows the page. */
 void scan_deliver(Connection &c);

@@ -88,7 +88,7 @@ live_wait() {
     done
 }
 
-# What `vvlanctl show -j` says of port 3, and what the daemon itself holds.
+# What `vvlanctl show -j` says of the one port that is configured.
 live_port_is() {
     "$live_programs/vvlanctl" show ports -j | grep -Eq "\"$1\": *$2\b"
 }
@@ -118,8 +118,12 @@ live_check_host() {
     done
     live_namespace="" # as for root in a chroot: the real ones, if nobody has them
     if [ "$(id -u)" = 0 ]; then
-        [ -e "$live_pid_file" ] || { live_takes_run=yes && return; }
-        echo "$0: another daemon seems to have $live_pid_file, and this host does not let us make" \
+        # The file stays behind a daemon; its lock does not.
+        if [ ! -e "$live_pid_file" ] || flock -n "$live_pid_file" true; then
+            live_takes_run=yes
+            return
+        fi
+        echo "$0: another daemon has $live_pid_file, and this host does not let us make" \
             "namespaces, in which ours would get a /run of its own." >&2
         exit 1
     fi
@@ -129,6 +133,7 @@ live_check_host() {
     exit 1
 }
 
+# As isolation/own_directories.h does it for the tests.
 live_in_own_host() {
     [ -z "$live_takes_run" ] || exec "$@"
     # shellcheck disable=SC2016,SC2086 # expanded by that shell; two words
@@ -152,7 +157,7 @@ live_start() {
     echo 4 >"$live_dir/tmp/udp_vvlan_debug"
 
     live_say "a private Redis and the daemon, under its supervisor, in $live_dir"
-    grep -v '^dir ' packaging/debian/mom.conf >"$live_dir/mom.conf" # it would go there at once
+    grep -v '^dir ' packaging/debian/mom.conf >"$live_dir/mom.conf" # Redis would go there as it reads on
     setsid redis-server "$live_dir/mom.conf" --unixsocket "$live_dir/mom.sock" \
         --dir "$live_dir" --appendonly no --daemonize no \
         >"$live_dir/redis.log" 2>&1 </dev/null &

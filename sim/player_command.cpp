@@ -487,7 +487,7 @@ Run parse_end(Cursor &cursor, CommandContext &context)
     };
 }
 
-/* --- Helpers */
+/* --- What several commands need */
 
 void want_success(Stage &stage, const char *what, int rv)
 {

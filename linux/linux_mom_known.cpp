@@ -25,7 +25,7 @@ uint32_t hash_of(std::string_view key)
 
 void Known::put(std::string_view key, std::string_view message)
 {
-    keep(key, message, m_round);
+    keep(key, message, round_);
 }
 
 void Known::put_doubtful(std::string_view key, std::string_view message)
@@ -36,33 +36,33 @@ void Known::put_doubtful(std::string_view key, std::string_view message)
 /* What stands behind moves up, so that no probe ends too soon. */
 void Known::erase(std::string_view key)
 {
-    if (m_count == 0)
+    if (count_ == 0)
         return;
-    const size_t mask = m_buckets.size() - 1;
+    const size_t mask = buckets_.size() - 1;
     size_t hole = find(hash_of(key), key);
-    const uint32_t erased = m_buckets[hole].at;
+    const uint32_t erased = buckets_[hole].at;
     if (erased == NOWHERE)
         return;
-    for (size_t at = (hole + 1) & mask; m_buckets[at].at != NOWHERE; at = (at + 1) & mask) {
-        if (((at - m_buckets[at].hash) & mask) < ((at - hole) & mask))
+    for (size_t at = (hole + 1) & mask; buckets_[at].at != NOWHERE; at = (at + 1) & mask) {
+        if (((at - buckets_[at].hash) & mask) < ((at - hole) & mask))
             continue; /* it would come before its home */
-        m_buckets[hole] = m_buckets[at];
+        buckets_[hole] = buckets_[at];
         hole = at;
     }
-    m_buckets[hole].at = NOWHERE;
-    m_count--;
+    buckets_[hole].at = NOWHERE;
+    count_--;
     leave_gap(erased);
 }
 
 void Known::doubt_all()
 {
-    m_round++;
-    m_is_whole = true;
+    round_++;
+    is_whole_ = true;
 }
 
 std::optional<Known::Object> Known::next_doubtful(Place *place) const
 {
-    return walk(place, [this](const Header &at) { return at.round != m_round; });
+    return walk(place, [this](const Header &at) { return at.round != round_; });
 }
 
 std::optional<Known::Object> Known::next(Place *place) const
@@ -72,15 +72,15 @@ std::optional<Known::Object> Known::next(Place *place) const
 
 bool Known::is_whole() const
 {
-    return m_is_whole;
+    return is_whole_;
 }
 
 template <typename Wanted>
 std::optional<Known::Object> Known::walk(Place *place, Wanted wanted) const
 {
-    if (place->rebuilt != m_rebuilt)
-        *place = {0, m_rebuilt};
-    while (place->at < m_bytes.size()) {
+    if (place->rebuilt != rebuilt_)
+        *place = {0, rebuilt_};
+    while (place->at < bytes_.size()) {
         const size_t at = place->at;
         const Header here = header(at);
         place->at += here.size();
@@ -92,15 +92,15 @@ std::optional<Known::Object> Known::walk(Place *place, Wanted wanted) const
 
 void Known::keep(std::string_view key, std::string_view message, uint32_t round)
 {
-    m_is_whole = m_is_whole && key.size() <= UINT16_MAX && message.size() <= UINT16_MAX;
+    is_whole_ = is_whole_ && key.size() <= UINT16_MAX && message.size() <= UINT16_MAX;
     if (key.size() > UINT16_MAX)
         return;
     if (message.size() > UINT16_MAX)
         message = {};
-    if ((m_count + 1) * 4 > m_buckets.size() * 3)
+    if ((count_ + 1) * 4 > buckets_.size() * 3)
         rebuild();
     const uint32_t hash = hash_of(key);
-    Bucket &bucket = m_buckets[find(hash, key)];
+    Bucket &bucket = buckets_[find(hash, key)];
     const uint32_t old = bucket.at;
     const Header made = {round, static_cast<uint16_t>(key.size()),
                          static_cast<uint16_t>(message.size())};
@@ -108,23 +108,23 @@ void Known::keep(std::string_view key, std::string_view message, uint32_t round)
         write(old, made, key, message);
         return;
     }
-    if (m_bytes.size() - m_gaps + made.size() > KNOWN_BYTES_MAX ||
-        (old == NOWHERE && m_count == KNOWN_OBJECTS_MAX)) {
-        m_is_whole = false;
+    if (bytes_.size() - gaps_ + made.size() > KNOWN_BYTES_MAX ||
+        (old == NOWHERE && count_ == KNOWN_OBJECTS_MAX)) {
+        is_whole_ = false;
         return;
     }
-    bucket = {hash, static_cast<uint32_t>(m_bytes.size())};
-    m_bytes.resize(m_bytes.size() + made.size());
+    bucket = {hash, static_cast<uint32_t>(bytes_.size())};
+    bytes_.resize(bytes_.size() + made.size());
     write(bucket.at, made, key, message);
     if (old == NOWHERE)
-        m_count++;
+        count_++;
     else
         leave_gap(old);
 }
 
 void Known::write(size_t at, const Header &made, std::string_view key, std::string_view message)
 {
-    char *to = &m_bytes[at];
+    char *to = &bytes_[at];
     std::memcpy(to, &made, sizeof made);
     to = std::ranges::copy(key, to + sizeof made).out;
     std::ranges::copy(message, to);
@@ -134,20 +134,20 @@ void Known::leave_gap(size_t at)
 {
     Header gone = header(at);
     gone.round = GAP;
-    std::memcpy(&m_bytes[at], &gone, sizeof gone);
-    m_gaps += gone.size();
-    if (m_gaps > GAPS_MIN && m_gaps > m_bytes.size() / 2)
+    std::memcpy(&bytes_[at], &gone, sizeof gone);
+    gaps_ += gone.size();
+    if (gaps_ > GAPS_MIN && gaps_ > bytes_.size() / 2)
         rebuild();
 }
 
 /* The objects without gaps, and as many buckets as they and as many more need. */
 void Known::rebuild()
 {
-    const std::vector<char> old = std::exchange(m_bytes, {});
-    m_bytes.reserve(old.size() - m_gaps);
-    m_buckets.assign(std::max(BUCKETS_MIN, std::bit_ceil(m_count * 2)), {0, NOWHERE});
-    m_gaps = 0;
-    m_rebuilt++;
+    const std::vector<char> old = std::exchange(bytes_, {});
+    bytes_.reserve(old.size() - gaps_);
+    buckets_.assign(std::max(BUCKETS_MIN, std::bit_ceil(count_ * 2)), {0, NOWHERE});
+    gaps_ = 0;
+    rebuilt_++;
     for (size_t at = 0; at < old.size();) {
         Header here;
         std::memcpy(&here, &old[at], sizeof here);
@@ -156,21 +156,21 @@ void Known::rebuild()
         if (here.round == GAP)
             continue;
         const uint32_t hash = hash_of(whole.substr(sizeof here, here.key_size));
-        size_t bucket = hash & (m_buckets.size() - 1);
-        while (m_buckets[bucket].at != NOWHERE)
-            bucket = (bucket + 1) & (m_buckets.size() - 1);
-        m_buckets[bucket] = {hash, static_cast<uint32_t>(m_bytes.size())};
-        m_bytes.insert(m_bytes.end(), whole.begin(), whole.end());
+        size_t bucket = hash & (buckets_.size() - 1);
+        while (buckets_[bucket].at != NOWHERE)
+            bucket = (bucket + 1) & (buckets_.size() - 1);
+        buckets_[bucket] = {hash, static_cast<uint32_t>(bytes_.size())};
+        bytes_.insert(bytes_.end(), whole.begin(), whole.end());
     }
 }
 
 /* The bucket of a key, or the empty one where it would go. There are buckets. */
 size_t Known::find(uint32_t hash, std::string_view key) const
 {
-    const size_t mask = m_buckets.size() - 1;
+    const size_t mask = buckets_.size() - 1;
     size_t at = hash & mask;
-    while (m_buckets[at].at != NOWHERE &&
-           (m_buckets[at].hash != hash || object(m_buckets[at].at).key != key))
+    while (buckets_[at].at != NOWHERE &&
+           (buckets_[at].hash != hash || object(buckets_[at].at).key != key))
         at = (at + 1) & mask;
     return at;
 }
@@ -178,14 +178,14 @@ size_t Known::find(uint32_t hash, std::string_view key) const
 Known::Header Known::header(size_t at) const
 {
     Header header;
-    std::memcpy(&header, &m_bytes[at], sizeof header);
+    std::memcpy(&header, &bytes_[at], sizeof header);
     return header;
 }
 
 Known::Object Known::object(size_t at) const
 {
     const Header here = header(at);
-    const char *const key = &m_bytes[at] + sizeof here;
+    const char *const key = &bytes_[at] + sizeof here;
     return {{key, here.key_size}, {key + here.key_size, here.message_size}};
 }
 

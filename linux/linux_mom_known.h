@@ -100,13 +100,13 @@ private:
     Header header(size_t at) const;
     Object object(size_t at) const;
 
-    std::vector<Bucket> m_buckets; /* a power of two, or none */
-    std::vector<char> m_bytes;
-    size_t m_count = 0;
-    size_t m_gaps = 0; /* bytes */
-    uint32_t m_round = FIRST_ROUND;
-    uint64_t m_rebuilt = 0; /* times */
-    bool m_is_whole = true;
+    std::vector<Bucket> buckets_; /* a power of two, or none */
+    std::vector<char> bytes_;
+    size_t count_ = 0;
+    size_t gaps_ = 0; /* bytes */
+    uint32_t round_ = FIRST_ROUND;
+    uint64_t rebuilt_ = 0; /* times */
+    bool is_whole_ = true;
 };
 
 } // namespace mom

@@ -46,7 +46,7 @@ void format(std::string &out, Arguments arguments)
 }
 
 Link::Link(std::function<void(Reply)> replied, std::function<void(const std::string &)> lost)
-    : m_replied(std::move(replied)), m_lost(std::move(lost))
+    : replied_(std::move(replied)), lost_(std::move(lost))
 {
 }
 
@@ -58,79 +58,79 @@ Link::~Link()
 void Link::open(const Address &address)
 {
     close();
-    m_opening++;
+    opening_++;
     const auto on_event = [](evutil_socket_t, short what, void *self) {
         static_cast<Link *>(self)->on_ready((what & EV_READ) != 0, (what & EV_WRITE) != 0);
     };
-    m_reader = reply_reader();
-    m_address = address;
+    reader_ = reply_reader();
+    address_ = address;
     const bool is_begun = connect();
-    m_read = event_new(linux_loop_base(), m_fd, EV_READ | EV_PERSIST, on_event, this);
-    m_write = event_new(linux_loop_base(), m_fd, EV_WRITE | EV_PERSIST, on_event, this);
+    read_ = event_new(linux_loop_base(), fd_, EV_READ | EV_PERSIST, on_event, this);
+    write_ = event_new(linux_loop_base(), fd_, EV_WRITE | EV_PERSIST, on_event, this);
     if (!is_begun) {
-        event_active(m_read, EV_READ, 0);
+        event_active(read_, EV_READ, 0);
         return;
     }
-    event_add(m_read, nullptr);
-    m_is_connecting = true;
+    event_add(read_, nullptr);
+    is_connecting_ = true;
     want_write(true);
 }
 
 void Link::close()
 {
-    m_opening++;
-    for (event **each : {&m_read, &m_write}) {
+    opening_++;
+    for (event **each : {&read_, &write_}) {
         if (*each != nullptr)
             event_free(*each);
         *each = nullptr;
     }
-    if (m_reader != nullptr)
-        redisReaderFree(m_reader);
-    m_reader = nullptr;
-    if (m_fd >= 0)
-        ::close(m_fd);
-    m_fd = -1;
-    m_refused.clear();
-    m_tls.reset();
-    m_out = m_records = {};
-    m_is_connecting = m_wants_write = false;
+    if (reader_ != nullptr)
+        redisReaderFree(reader_);
+    reader_ = nullptr;
+    if (fd_ >= 0)
+        ::close(fd_);
+    fd_ = -1;
+    refused_.clear();
+    tls_.reset();
+    out_ = records_ = {};
+    is_connecting_ = wants_write_ = false;
 }
 
 bool Link::is_open() const
 {
-    return m_reader != nullptr;
+    return reader_ != nullptr;
 }
 
 const Address &Link::address() const
 {
-    return m_address;
+    return address_;
 }
 
 bool Link::is_shaking_hands() const
 {
-    return m_tls != nullptr && !m_tls->is_established();
+    return tls_ != nullptr && !tls_->is_established();
 }
 
 unsigned Link::alternatives() const
 {
-    return m_alternatives;
+    return alternatives_;
 }
 
 void Link::send(Arguments arguments)
 {
-    format(m_out.bytes, arguments);
+    format(out_.bytes, arguments);
     want_write(has_to_send());
 }
 
 void Link::send_raw(std::string_view request)
 {
-    m_out.bytes.append(request);
+    out_.bytes.append(request);
     want_write(has_to_send());
 }
 
 size_t Link::unsent() const
 {
-    return m_out.left().size() + m_records.left().size();
+    return out_.left().size() + records_.left().size();
 }
 
 void Link::turn()
@@ -145,12 +145,12 @@ int links_wait(std::span<Link *const> links, int64_t micros)
     for (Link *link : links) {
         if (!link->is_open())
             continue;
-        if (link->m_fd < 0) {
+        if (link->fd_ < 0) {
             link->on_ready(false, false);
             return 0;
         }
-        const bool writes = link->m_is_connecting || link->has_to_send();
-        fds.push_back({link->m_fd, static_cast<short>(writes ? POLLIN | POLLOUT : POLLIN), 0});
+        const bool writes = link->is_connecting_ || link->has_to_send();
+        fds.push_back({link->fd_, static_cast<short>(writes ? POLLIN | POLLOUT : POLLIN), 0});
         open.push_back(link);
     }
     if (fds.empty())
@@ -161,7 +161,7 @@ int links_wait(std::span<Link *const> links, int64_t micros)
         return errno == EINTR ? 0 : -errno;
     for (size_t i = 0; i < fds.size(); i++) {
         const short what = fds[i].revents;
-        if (what != 0 && open[i]->m_fd == fds[i].fd)
+        if (what != 0 && open[i]->fd_ == fds[i].fd)
             open[i]->on_ready((what & (POLLIN | POLLHUP | POLLERR)) != 0, (what & POLLOUT) != 0);
     }
     return ready == 0 ? -ETIMEDOUT : 0;
@@ -181,46 +181,46 @@ void Link::Outgoing::took(size_t size)
     sent = 0;
 }
 
-/* Makes the socket, or leaves it at -1 and says why in m_refused. */
+/* Makes the socket, or leaves it at -1 and says why in refused_. */
 bool Link::connect()
 {
-    m_alternatives = 1;
-    if (m_address.tls) {
-        m_tls = Tls::begin(*m_address.tls, m_address.host, &m_refused);
-        if (m_tls == nullptr)
+    alternatives_ = 1;
+    if (address_.tls) {
+        tls_ = Tls::begin(*address_.tls, address_.host, &refused_);
+        if (tls_ == nullptr)
             return false;
-        m_records.bytes = m_tls->take_records();
+        records_.bytes = tls_->take_records();
     }
-    m_fd = m_address.path.empty() ? connect_tcp(m_address, &m_alternatives, &m_refused)
-                                  : connect_unix(m_address.path);
-    if (m_fd >= 0)
+    fd_ = address_.path.empty() ? connect_tcp(address_, &alternatives_, &refused_)
+                                : connect_unix(address_.path);
+    if (fd_ >= 0)
         return true;
-    if (m_refused.empty())
-        m_refused = std::strerror(-m_fd);
-    m_fd = -1;
+    if (refused_.empty())
+        refused_ = std::strerror(-fd_);
+    fd_ = -1;
     return false;
 }
 
 /* What could go to the socket now: before TLS is agreed on, no request can. */
 bool Link::has_to_send() const
 {
-    return !m_records.left().empty() || (!is_shaking_hands() && !m_out.left().empty());
+    return !records_.left().empty() || (!is_shaking_hands() && !out_.left().empty());
 }
 
 void Link::on_ready(bool is_readable, bool is_writable)
 {
-    const uint64_t opening = m_opening;
+    const uint64_t opening = opening_;
     if (!is_open())
         return;
-    if (m_fd < 0) {
-        fail(std::string(m_refused));
+    if (fd_ < 0) {
+        fail(std::string(refused_));
         return;
     }
-    if (m_is_connecting && (is_writable || is_readable) && !finish_connect())
+    if (is_connecting_ && (is_writable || is_readable) && !finish_connect())
         return;
     if (is_readable) /* first, as in fail_sending() */
         read_some();
-    if (is_writable && opening == m_opening)
+    if (is_writable && opening == opening_)
         write_some();
 }
 
@@ -228,12 +228,12 @@ bool Link::finish_connect()
 {
     int error = 0;
     socklen_t size = sizeof(error);
-    getsockopt(m_fd, SOL_SOCKET, SO_ERROR, &error, &size);
+    getsockopt(fd_, SOL_SOCKET, SO_ERROR, &error, &size);
     if (error != 0) {
         fail(std::strerror(error));
         return false;
     }
-    m_is_connecting = false;
+    is_connecting_ = false;
     return true;
 }
 
@@ -241,7 +241,7 @@ void Link::read_some()
 {
     std::array<char, READ_CHUNK> chunk;
     for (int i = 0; i < READS_A_TURN; i++) {
-        const ssize_t got = recv(m_fd, chunk.data(), chunk.size(), 0);
+        const ssize_t got = recv(fd_, chunk.data(), chunk.size(), 0);
         if (got < 0 && errno == EINTR)
             continue;
         if (got < 0 && (errno == EAGAIN || errno == ENOTCONN))
@@ -251,7 +251,7 @@ void Link::read_some()
             return;
         }
         if (got == 0) {
-            fail(m_tls == nullptr ? "the server closed the connection" : m_tls->why_hung_up());
+            fail(tls_ == nullptr ? "the server closed the connection" : tls_->why_hung_up());
             return;
         }
         if (!take_bytes({chunk.data(), static_cast<size_t>(got)}))
@@ -264,9 +264,9 @@ void Link::read_some()
 /* False when the link has ended. */
 bool Link::take_bytes(std::string_view bytes)
 {
-    if (m_tls == nullptr)
+    if (tls_ == nullptr)
         return take_replies(bytes);
-    m_tls->receive(bytes);
+    tls_->receive(bytes);
     return decrypt();
 }
 
@@ -275,14 +275,14 @@ bool Link::decrypt()
 {
     std::array<char, READ_CHUNK> text;
     ssize_t got = 0;
-    while ((got = m_tls->read(text)) > 0) {
+    while ((got = tls_->read(text)) > 0) {
         if (!take_replies({text.data(), static_cast<size_t>(got)}))
             return false;
     }
-    m_records.bytes += m_tls->take_records();
+    records_.bytes += tls_->take_records();
     if (got < 0) {
-        send_some(m_records); /* what the server should know of it */
-        fail(std::string(m_tls->why()));
+        send_some(records_); /* what the server should know of it */
+        fail(std::string(tls_->why()));
         return false;
     }
     want_write(has_to_send());
@@ -294,7 +294,7 @@ bool Link::take_replies(std::string_view bytes)
 {
     while (!bytes.empty()) {
         const std::string_view some = bytes.substr(0, FED_AT_ONCE);
-        redisReaderFeed(m_reader, some.data(), some.size());
+        redisReaderFeed(reader_, some.data(), some.size());
         if (!hand_on_replies())
             return false;
         bytes.remove_prefix(some.size());
@@ -304,17 +304,17 @@ bool Link::take_replies(std::string_view bytes)
 
 bool Link::hand_on_replies()
 {
-    const uint64_t opening = m_opening;
+    const uint64_t opening = opening_;
     while (true) {
         void *raw = nullptr;
-        if (redisReaderGetReply(m_reader, &raw) != REDIS_OK) {
-            fail(std::string("not understood: ") + m_reader->errstr);
+        if (redisReaderGetReply(reader_, &raw) != REDIS_OK) {
+            fail(std::string("not understood: ") + reader_->errstr);
             return false;
         }
         if (raw == nullptr)
             return true;
-        m_replied(Reply(static_cast<redisReply *>(raw)));
-        if (opening != m_opening)
+        replied_(Reply(static_cast<redisReply *>(raw)));
+        if (opening != opening_)
             return false;
     }
 }
@@ -323,9 +323,9 @@ void Link::write_some()
 {
     int error = 0;
     do {
-        if (m_tls != nullptr)
+        if (tls_ != nullptr)
             encrypt();
-        error = send_some(m_tls != nullptr ? m_records : m_out);
+        error = send_some(tls_ != nullptr ? records_ : out_);
     } while (error == 0 && has_to_send());
     if (error != 0 && error != EAGAIN)
         fail_sending(std::strerror(error));
@@ -336,19 +336,19 @@ void Link::write_some()
 /* A server that hangs up has often said why. */
 void Link::fail_sending(const std::string &why)
 {
-    const uint64_t opening = m_opening;
+    const uint64_t opening = opening_;
     read_some();
-    if (opening == m_opening)
+    if (opening == opening_)
         fail(why);
 }
 
 /* Requests become records only when the socket has taken those before. */
 void Link::encrypt()
 {
-    if (!m_records.left().empty())
+    if (!records_.left().empty())
         return;
-    m_out.took(m_tls->write(m_out.left().substr(0, ENCRYPTED_AT_ONCE)));
-    m_records.bytes += m_tls->take_records();
+    out_.took(tls_->write(out_.left().substr(0, ENCRYPTED_AT_ONCE)));
+    records_.bytes += tls_->take_records();
 }
 
 /* Returns 0 when all is gone, else an errno value. */
@@ -357,7 +357,7 @@ int Link::send_some(Outgoing &bytes)
     int error = 0;
     while (error == 0 && !bytes.left().empty()) {
         const std::string_view left = bytes.left();
-        const ssize_t sent = ::send(m_fd, left.data(), left.size(), MSG_NOSIGNAL);
+        const ssize_t sent = ::send(fd_, left.data(), left.size(), MSG_NOSIGNAL);
         if (sent >= 0)
             bytes.took(static_cast<size_t>(sent));
         else if (errno != EINTR)
@@ -368,19 +368,19 @@ int Link::send_some(Outgoing &bytes)
 
 void Link::want_write(bool wanted)
 {
-    if (wanted == m_wants_write || m_write == nullptr || m_fd < 0)
+    if (wanted == wants_write_ || write_ == nullptr || fd_ < 0)
         return;
-    m_wants_write = wanted;
+    wants_write_ = wanted;
     if (wanted)
-        event_add(m_write, nullptr);
+        event_add(write_, nullptr);
     else
-        event_del(m_write);
+        event_del(write_);
 }
 
 void Link::fail(const std::string &why)
 {
     close();
-    m_lost(why);
+    lost_(why);
 }
 
 namespace

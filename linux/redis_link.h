@@ -121,21 +121,21 @@ private:
     void want_write(bool wanted);
     void fail(const std::string &why);
 
-    std::function<void(Reply)> m_replied;
-    std::function<void(const std::string &)> m_lost;
-    int m_fd = -1;
-    uint64_t m_opening = 0; /* grows with every open() and close() */
-    bool m_is_connecting = false;
-    bool m_wants_write = false;
-    std::string m_refused; /* why open() failed; told from the loop */
-    Address m_address;
-    unsigned m_alternatives = 1;
-    Outgoing m_out;     /* requests */
-    Outgoing m_records; /* the same, encrypted; a little at a time */
-    std::unique_ptr<Tls> m_tls;
-    redisReader *m_reader = nullptr;
-    event *m_read = nullptr;
-    event *m_write = nullptr;
+    std::function<void(Reply)> replied_;
+    std::function<void(const std::string &)> lost_;
+    int fd_ = -1;
+    uint64_t opening_ = 0; /* grows with every open() and close() */
+    bool is_connecting_ = false;
+    bool wants_write_ = false;
+    std::string refused_; /* why open() failed; told from the loop */
+    Address address_;
+    unsigned alternatives_ = 1;
+    Outgoing out_;     /* requests */
+    Outgoing records_; /* the same, encrypted; a little at a time */
+    std::unique_ptr<Tls> tls_;
+    redisReader *reader_ = nullptr;
+    event *read_ = nullptr;
+    event *write_ = nullptr;
 };
 
 /*

@@ -61,57 +61,57 @@ std::unique_ptr<Tls> Tls::begin(const TlsFiles &files, const std::string &host, 
     SSL_set_connect_state(session);
     std::unique_ptr<Tls> tls(new Tls(session, files, host));
     if (!expect_host(session, host) || !tls->shake()) {
-        *why = tls->m_why.empty() ? host + " is no name for TLS" : tls->m_why;
+        *why = tls->why_.empty() ? host + " is no name for TLS" : tls->why_;
         return nullptr;
     }
     return tls;
 }
 
 Tls::Tls(ssl_st *session, const TlsFiles &files, std::string host)
-    : m_session(session), m_files(files), m_host(std::move(host))
+    : session_(session), files_(files), host_(std::move(host))
 {
 }
 
 Tls::~Tls()
 {
-    SSL_free(m_session);
+    SSL_free(session_);
 }
 
 bool Tls::is_established() const
 {
-    return SSL_is_init_finished(m_session) != 0 && m_why.empty();
+    return SSL_is_init_finished(session_) != 0 && why_.empty();
 }
 
 void Tls::receive(std::string_view records)
 {
-    if (m_is_first && !records.empty() && records[0] != HANDSHAKE && records[0] != ALERT)
-        m_why = "the server does not speak TLS on this port";
-    m_is_first = false;
+    if (is_first_ && !records.empty() && records[0] != HANDSHAKE && records[0] != ALERT)
+        why_ = "the server does not speak TLS on this port";
+    is_first_ = false;
     while (!records.empty()) {
         const auto size = static_cast<int>(std::min<size_t>(records.size(), INT_MAX));
-        BIO_write(SSL_get_rbio(m_session), records.data(), size);
+        BIO_write(SSL_get_rbio(session_), records.data(), size);
         records.remove_prefix(static_cast<size_t>(size));
     }
 }
 
 ssize_t Tls::read(std::span<char> text)
 {
-    if (!m_why.empty() || !shake())
+    if (!why_.empty() || !shake())
         return -1;
     if (!is_established())
         return 0;
     ERR_clear_error();
-    const int got = SSL_read(m_session, text.data(), static_cast<int>(text.size()));
+    const int got = SSL_read(session_, text.data(), static_cast<int>(text.size()));
     if (got > 0)
         return got;
-    switch (SSL_get_error(m_session, got)) {
+    switch (SSL_get_error(session_, got)) {
     case SSL_ERROR_WANT_READ:
         return 0;
     case SSL_ERROR_ZERO_RETURN:
-        m_why = "the server closed the connection";
+        why_ = "the server closed the connection";
         return -1;
     default:
-        m_why = explain();
+        why_ = explain();
         return -1;
     }
 }
@@ -122,17 +122,17 @@ size_t Tls::write(std::string_view text)
         return 0;
     ERR_clear_error();
     const auto size = static_cast<int>(std::min<size_t>(text.size(), INT_MAX));
-    const int sent = SSL_write(m_session, text.data(), size);
+    const int sent = SSL_write(session_, text.data(), size);
     if (sent > 0)
         return static_cast<size_t>(sent);
-    if (SSL_get_error(m_session, sent) != SSL_ERROR_WANT_READ)
-        m_why = explain(); /* the next read ends the session */
+    if (SSL_get_error(session_, sent) != SSL_ERROR_WANT_READ)
+        why_ = explain(); /* the next read ends the session */
     return 0;
 }
 
 std::string Tls::take_records()
 {
-    BIO *out = SSL_get_wbio(m_session);
+    BIO *out = SSL_get_wbio(session_);
     std::string records(BIO_ctrl_pending(out), '\0');
     if (!records.empty())
         BIO_read(out, records.data(), static_cast<int>(records.size()));
@@ -141,7 +141,7 @@ std::string Tls::take_records()
 
 const std::string &Tls::why() const
 {
-    return m_why;
+    return why_;
 }
 
 std::string Tls::why_hung_up() const
@@ -152,28 +152,28 @@ std::string Tls::why_hung_up() const
 
 bool Tls::shake()
 {
-    if (SSL_is_init_finished(m_session) != 0)
+    if (SSL_is_init_finished(session_) != 0)
         return true;
     ERR_clear_error();
-    const int done = SSL_do_handshake(m_session);
-    if (done == 1 || SSL_get_error(m_session, done) == SSL_ERROR_WANT_READ)
+    const int done = SSL_do_handshake(session_);
+    if (done == 1 || SSL_get_error(session_, done) == SSL_ERROR_WANT_READ)
         return true;
-    m_why = explain();
+    why_ = explain();
     return false;
 }
 
 /* The sentence for what the library says went wrong. */
 std::string Tls::explain() const
 {
-    if (const long verdict = SSL_get_verify_result(m_session); verdict != X509_V_OK)
+    if (const long verdict = SSL_get_verify_result(session_); verdict != X509_V_OK)
         return explain_certificate(verdict);
     switch (ERR_GET_REASON(ERR_peek_error())) {
     case SSL_R_TLSV13_ALERT_CERTIFICATE_REQUIRED:
         return "the server wants a certificate from here: set VVLAN_MOM_CERT and VVLAN_MOM_KEY";
     case SSL_R_TLSV1_ALERT_UNKNOWN_CA:
-        return "the server does not trust the CA of " + m_files.certificate;
+        return "the server does not trust the CA of " + files_.certificate;
     case SSL_R_SSLV3_ALERT_CERTIFICATE_EXPIRED:
-        return "the server says that " + m_files.certificate + " has expired";
+        return "the server says that " + files_.certificate + " has expired";
     case SSL_R_TLSV1_ALERT_PROTOCOL_VERSION:
     case SSL_R_UNSUPPORTED_PROTOCOL:
         return "the server does not speak TLS 1.2 or later";
@@ -193,12 +193,12 @@ std::string Tls::explain_certificate(long verdict) const
     case X509_V_ERR_SELF_SIGNED_CERT_IN_CHAIN:
     case X509_V_ERR_DEPTH_ZERO_SELF_SIGNED_CERT:
     case X509_V_ERR_CERT_SIGNATURE_FAILURE:
-        return m_files.ca.empty() ? "the server's certificate is signed by no CA that this host "
-                                    "trusts; VVLAN_MOM_CA can name another"
-                                  : "the server's certificate is signed by no CA in " + m_files.ca;
+        return files_.ca.empty() ? "the server's certificate is signed by no CA that this host "
+                                   "trusts; VVLAN_MOM_CA can name another"
+                                 : "the server's certificate is signed by no CA in " + files_.ca;
     case X509_V_ERR_HOSTNAME_MISMATCH:
     case X509_V_ERR_IP_ADDRESS_MISMATCH:
-        return "the server's certificate is not for " + m_host;
+        return "the server's certificate is not for " + host_;
     case X509_V_ERR_CERT_HAS_EXPIRED:
         return "the server's certificate has expired";
     case X509_V_ERR_CERT_NOT_YET_VALID:

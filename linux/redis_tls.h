@@ -63,11 +63,11 @@ private:
     std::string explain() const;
     std::string explain_certificate(long verdict) const;
 
-    ssl_st *m_session;
-    TlsFiles m_files;
-    std::string m_host;
-    std::string m_why;
-    bool m_is_first = true; /* nothing was received yet */
+    ssl_st *session_;
+    TlsFiles files_;
+    std::string host_;
+    std::string why_;
+    bool is_first_ = true; /* nothing was received yet */
 };
 
 } // namespace redis

@@ -31,15 +31,15 @@ bool is_told(uint32_t operation)
 class Pieces
 {
 public:
-    explicit Pieces(std::string_view text) : m_left(text)
+    explicit Pieces(std::string_view text) : left_(text)
     {
     }
     std::string_view take(size_t size)
     {
-        if (size > m_left.size())
-            m_is_whole = false;
-        const std::string_view piece = m_is_whole ? m_left.substr(0, size) : std::string_view();
-        m_left.remove_prefix(piece.size());
+        if (size > left_.size())
+            is_whole_ = false;
+        const std::string_view piece = is_whole_ ? left_.substr(0, size) : std::string_view();
+        left_.remove_prefix(piece.size());
         return piece;
     }
     uint8_t byte()
@@ -49,16 +49,16 @@ public:
     }
     std::string_view rest()
     {
-        return take(m_left.size());
+        return take(left_.size());
     }
     bool is_whole() const
     {
-        return m_is_whole;
+        return is_whole_;
     }
 
 private:
-    std::string_view m_left;
-    bool m_is_whole = true;
+    std::string_view left_;
+    bool is_whole_ = true;
 };
 
 } // namespace
@@ -134,7 +134,7 @@ std::string pack(const ProtobufCMessage &message)
 
 Unpacked::~Unpacked()
 {
-    for (Block *block = m_more; block != nullptr;) {
+    for (Block *block = more_; block != nullptr;) {
         Block *next = block->next;
         std::free(block);
         block = next;
@@ -156,23 +156,23 @@ const ProtobufCMessage *Unpacked::unpack(const object::Kind &kind, std::string_v
 
 const ProtobufCMessage *Unpacked::from_key(const object::Kind &kind, std::string_view key)
 {
-    m_from_key = object::from_key(kind, key);
-    return m_from_key.get();
+    from_key_ = object::from_key(kind, key);
+    return from_key_.get();
 }
 
 void *Unpacked::take(size_t size)
 {
     constexpr size_t ALIGNED = alignof(std::max_align_t);
     size = (size + ALIGNED - 1) & ~(ALIGNED - 1);
-    if (size <= m_bytes.size() - m_used) {
-        void *taken = &m_bytes[m_used];
-        m_used += size;
+    if (size <= bytes_.size() - used_) {
+        void *taken = &bytes_[used_];
+        used_ += size;
         return taken;
     }
     auto *block = static_cast<Block *>(std::malloc(ALIGNED + size));
     if (block == nullptr)
         return nullptr;
-    block->next = std::exchange(m_more, block);
+    block->next = std::exchange(more_, block);
     return reinterpret_cast<char *>(block) + ALIGNED;
 }
 

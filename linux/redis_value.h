@@ -94,10 +94,10 @@ private:
 
     void *take(size_t size);
 
-    alignas(std::max_align_t) std::array<char, 1'024> m_bytes;
-    size_t m_used = 0;
-    Block *m_more = nullptr; /* one for each allocation that did not fit */
-    object::Message m_from_key;
+    alignas(std::max_align_t) std::array<char, 1'024> bytes_;
+    size_t used_ = 0;
+    Block *more_ = nullptr; /* one for each allocation that did not fit */
+    object::Message from_key_;
 };
 
 /*

@@ -30,14 +30,14 @@ public:
 
     pid_t pid() const /* -1 when none runs */
     {
-        return m_pid;
+        return pid_;
     }
     std::string log() const; /* what it wrote to standard output and error, all lives */
 
 private:
-    std::string m_program, m_directory;
-    Environment m_environment;
-    pid_t m_pid = -1;
+    std::string program_, directory_;
+    Environment environment_;
+    pid_t pid_ = -1;
 };
 
 #endif

@@ -212,8 +212,8 @@ LiveHost::LiveHost(bool keeps_data, const std::string &sanitizer)
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     (server.directory() + "/notify.sock").copy(address.sun_path, sizeof address.sun_path - 1);
-    m_notify = socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-    EXPECT_EQ(bind(m_notify, reinterpret_cast<const sockaddr *>(&address), sizeof address), 0);
+    notify_ = socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+    EXPECT_EQ(bind(notify_, reinterpret_cast<const sockaddr *>(&address), sizeof address), 0);
     open_peer();
 }
 
@@ -226,7 +226,7 @@ LiveHost::~LiveHost()
     }
     linux_loop_reset();
     linux_mom_clock_ahead(0);
-    close(m_notify);
+    close(notify_);
     const std::string log = daemon.log();
     for (const char *report : {"Sanitizer", "runtime error"})
         EXPECT_EQ(log.find(report), std::string::npos);
@@ -256,16 +256,16 @@ void LiveHost::open_peer()
 void LiveHost::start()
 {
     is_ready(); /* what an earlier one has told is not for this one */
-    m_is_ready = false;
+    is_ready_ = false;
     daemon.start();
 }
 
 bool LiveHost::is_ready()
 {
     char text[256];
-    for (ssize_t got; (got = recv(m_notify, text, sizeof text, 0)) > 0;)
-        m_is_ready |= std::string_view(text, static_cast<size_t>(got)).starts_with("READY=1");
-    return m_is_ready;
+    for (ssize_t got; (got = recv(notify_, text, sizeof text, 0)) > 0;)
+        is_ready_ |= std::string_view(text, static_cast<size_t>(got)).starts_with("READY=1");
+    return is_ready_;
 }
 
 void LiveHost::kill()
@@ -288,7 +288,7 @@ void LiveHost::forget_clients_of(pid_t pid)
     const std::string name = "name=vvlan:" + std::to_string(pid) + ":";
     EXPECT_TRUE(until([&] { return server.clients(name).empty(); }));
     const Lines all = stored();
-    std::ranges::copy_if(all, std::inserter(m_outliving, m_outliving.end()),
+    std::ranges::copy_if(all, std::inserter(outliving_, outliving_.end()),
                          [](const auto &each) { return each.starts_with(line(REGISTRATION, "")); });
 }
 
@@ -321,14 +321,14 @@ void LiveHost::set(const char *kind, const std::string &text)
     object::Message object = make(kind, text).message;
     write(kt_mom_set, *object);
     const std::string key = object::key(*object);
-    m_written.insert_or_assign({kind, key}, std::move(object));
+    written_.insert_or_assign({kind, key}, std::move(object));
 }
 
 void LiveHost::del(const char *kind, const std::string &text)
 {
     const object::Message object = make(kind, text).message;
     write(kt_mom_del, *object);
-    m_written.erase({kind, object::key(*object)});
+    written_.erase({kind, object::key(*object)});
 }
 
 void LiveHost::hset(const std::string &text)
@@ -337,7 +337,7 @@ void LiveHost::hset(const std::string &text)
     EXPECT_EQ(
         kt_mom_hset(peer, 4, part, part.fields.data(), static_cast<uint32_t>(part.fields.size())),
         0);
-    object::Message &whole = m_written[{GLOBAL, ""}];
+    object::Message &whole = written_[{GLOBAL, ""}];
     if (whole == nullptr)
         whole = object::empty(*object::kind_by_name(GLOBAL));
     object::merge(*whole, *part, part.fields);
@@ -355,42 +355,42 @@ void LiveHost::adopt()
     const auto take = [](kt_global *, const kt_mom_msg *msg, void *self) {
         const ProtobufCMessage &object = object_of(*msg);
         const std::pair at(std::string(object.descriptor->name), object::key(object));
-        static_cast<LiveHost *>(self)->m_written[at] = object::copy(object);
+        static_cast<LiveHost *>(self)->written_[at] = object::copy(object);
         return 0;
     };
-    m_written.clear();
+    written_.clear();
     for (const char *kind : {GLOBAL, PORT, OUI, MAC})
         EXPECT_EQ(kt_mom_scan_sync(peer, ctl::db_of_kind(kind), make(kind), 0, take, this), 0);
 }
 
 void LiveHost::forget()
 {
-    m_written.clear();
-    m_stood.clear();
-    m_outliving.clear();
+    written_.clear();
+    stood_.clear();
+    outliving_.clear();
 }
 
 const ProtobufCMessage *LiveHost::written(const char *kind, const std::string &text) const
 {
-    const auto at = m_written.find({kind, object::key(*make(kind, text))});
-    return at == m_written.end() ? nullptr : at->second.get();
+    const auto at = written_.find({kind, object::key(*make(kind, text))});
+    return at == written_.end() ? nullptr : at->second.get();
 }
 
 /* --- What is there, and what ought to be */
 
 void LiveHost::look()
 {
-    m_stood.clear();
+    stood_.clear();
     for (const std::string &each : stored()) {
         if (each.starts_with(line(JOIN, "")) || each.starts_with(line(MEMBERSHIP, "")))
-            m_stood.insert(each);
+            stood_.insert(each);
     }
 }
 
 bool LiveHost::is_joined(uint32_t ifx) const
 {
-    return m_stood.contains(line(JOIN, ifx_text(ifx))) &&
-           m_stood.contains(line(MEMBERSHIP, ifx_text(ifx) + " enable=1"));
+    return stood_.contains(line(JOIN, ifx_text(ifx))) &&
+           stood_.contains(line(MEMBERSHIP, ifx_text(ifx) + " enable=1"));
 }
 
 LiveHost::Lines LiveHost::stored()
@@ -452,16 +452,16 @@ LiveHost::Lines LiveHost::known() const
 LiveHost::Lines LiveHost::implied() const
 {
     Lines lines = {line(PACKET_LIBRARY, "index.name=pkt_vvlan dlib_name=libpkt.vvlan.sw.so")};
-    for (const auto &[at, object] : m_written)
+    for (const auto &[at, object] : written_)
         lines.insert(line(at.first.c_str(), object::to_text(*object)));
-    const auto glb = all_of<PBridge__VvlanGlbCfg>(m_written, GLOBAL);
+    const auto glb = all_of<PBridge__VvlanGlbCfg>(written_, GLOBAL);
     const PBridge__VvlanGlbCfg none = P_BRIDGE__VVLAN_GLB_CFG__INIT;
     const uint32_t vlan = imply_settings(lines, glb.empty() ? none : *glb.front());
     const auto automatic =
-        imply_ports(lines, all_of<PBridge__VvlanPortCfg>(m_written, PORT), m_stood, vlan != 0);
-    const auto ouis = all_of<PBridge__VvlanOuiCfg>(m_written, OUI);
+        imply_ports(lines, all_of<PBridge__VvlanPortCfg>(written_, PORT), stood_, vlan != 0);
+    const auto ouis = all_of<PBridge__VvlanOuiCfg>(written_, OUI);
     imply_ouis(lines, ouis);
-    for (const auto *seen : all_of<UBridge__MacVidRegNoti>(m_written, MAC)) {
+    for (const auto *seen : all_of<UBridge__MacVidRegNoti>(written_, MAC)) {
         const PLibpub__Mac &mac = *seen->index->t_mac;
         const auto is_of = [&](const auto *oui) { return matches(*oui->index, mac); };
         if (vlan != 0 && seen->index->t_fid == vlan && automatic.contains(seen->port_id) &&
@@ -475,7 +475,7 @@ std::string LiveHost::fault()
 {
     Lines is = stored(), ought = implied();
     is.merge(known());
-    for (const std::string &each : m_outliving) {
+    for (const std::string &each : outliving_) {
         if (is.contains(each) && !ought.contains(each))
             ought.insert(each);
     }
@@ -494,7 +494,7 @@ void LiveHost::lease_runs_out()
     linux_mom_clock_ahead(LEASE_AND_MORE);
     settle();
     linux_mom_clock_ahead(0);
-    m_outliving.clear();
+    outliving_.clear();
 }
 
 void LiveHost::turn(int64_t micros)

@@ -78,11 +78,11 @@ private:
     void write(int (*how)(kt_global *, uint32_t, const ProtobufCMessage *, uint32_t, uint64_t),
                const ProtobufCMessage &object) const;
 
-    int m_notify = -1;
-    bool m_is_ready = false;
-    std::map<std::pair<std::string, std::string>, object::Message> m_written; /* kind, key */
-    Lines m_stood;     /* join records and memberships */
-    Lines m_outliving; /* registrations whose daemon is gone; they may stand, or go */
+    int notify_ = -1;
+    bool is_ready_ = false;
+    std::map<std::pair<std::string, std::string>, object::Message> written_; /* kind, key */
+    Lines stood_;     /* join records and memberships */
+    Lines outliving_; /* registrations whose daemon is gone; they may stand, or go */
 };
 
 /* Whether a line of LiveHost::changes tells of this port. */

@@ -56,33 +56,33 @@ RedisServer::RedisServer(std::vector<std::string> options) : RedisServer(std::mo
 RedisServer::RedisServer(std::vector<std::string> options, const std::string &sentinel)
 {
     make_directory();
-    m_words = {"redis-server"};
+    words_ = {"redis-server"};
     if (!sentinel.empty()) {
-        m_words.push_back(m_directory + "/sentinel.conf");
-        std::ofstream(m_words.back()) << sentinel;
+        words_.push_back(directory_ + "/sentinel.conf");
+        std::ofstream(words_.back()) << sentinel;
     }
-    for (const char *word : {"--port", "0", "--bind", "127.0.0.1", "--unixsocket", m_socket.c_str(),
-                             "--dir", m_directory.c_str(), "--save", "", "--logfile", ""})
-        m_words.emplace_back(word);
-    m_words.insert(m_words.end(), options.begin(), options.end());
+    for (const char *word : {"--port", "0", "--bind", "127.0.0.1", "--unixsocket", socket_.c_str(),
+                             "--dir", directory_.c_str(), "--save", "", "--logfile", ""})
+        words_.emplace_back(word);
+    words_.insert(words_.end(), options.begin(), options.end());
     if (!sentinel.empty())
-        m_words.emplace_back("--sentinel");
+        words_.emplace_back("--sentinel");
     start();
-    link_clients(m_socket);
+    link_clients(socket_);
 }
 
 void RedisServer::make_directory()
 {
     std::string pattern = std::filesystem::temp_directory_path() / "vvlan-test-XXXXXX";
-    m_directory = mkdtemp(pattern.data());
-    m_socket = m_directory + "/server.sock";
-    m_link = m_directory + "/mom.sock";
+    directory_ = mkdtemp(pattern.data());
+    socket_ = directory_ + "/server.sock";
+    link_ = directory_ + "/mom.sock";
 }
 
 RedisServer::~RedisServer()
 {
     kill();
-    std::filesystem::remove_all(m_directory);
+    std::filesystem::remove_all(directory_);
 }
 
 void RedisServer::start()
@@ -90,11 +90,11 @@ void RedisServer::start()
     std::array<int, 2> out = {-1, -1};
     ASSERT_EQ(pipe(out.data()), 0);
     std::vector<char *> words;
-    for (std::string &word : m_words)
+    for (std::string &word : words_)
         words.push_back(word.data());
     words.push_back(nullptr);
-    m_pid = fork();
-    if (m_pid == 0) {
+    pid_ = fork();
+    if (pid_ == 0) {
         prctl(PR_SET_PDEATHSIG, SIGKILL);
         dup2(out[1], STDOUT_FILENO);
         execvp(words[0], words.data());
@@ -107,57 +107,57 @@ void RedisServer::start()
 
 void RedisServer::kill()
 {
-    if (m_control != nullptr)
-        redisFree(m_control);
-    m_control = nullptr;
-    if (m_pid < 0)
+    if (control_ != nullptr)
+        redisFree(control_);
+    control_ = nullptr;
+    if (pid_ < 0)
         return;
-    ::kill(m_pid, SIGKILL);
-    waitpid(m_pid, nullptr, 0);
-    m_pid = -1;
+    ::kill(pid_, SIGKILL);
+    waitpid(pid_, nullptr, 0);
+    pid_ = -1;
 }
 
 void RedisServer::freeze()
 {
-    ::kill(m_pid, SIGSTOP);
-    waitpid(m_pid, nullptr, WUNTRACED);
+    ::kill(pid_, SIGSTOP);
+    waitpid(pid_, nullptr, WUNTRACED);
 }
 
 void RedisServer::thaw()
 {
-    ::kill(m_pid, SIGCONT);
+    ::kill(pid_, SIGCONT);
 }
 
 const std::string &RedisServer::directory() const
 {
-    return m_directory;
+    return directory_;
 }
 
 const std::string &RedisServer::socket() const
 {
-    return m_socket;
+    return socket_;
 }
 
 const std::string &RedisServer::link() const
 {
-    return m_link;
+    return link_;
 }
 
 void RedisServer::unlink_clients()
 {
-    std::filesystem::remove(m_link);
+    std::filesystem::remove(link_);
 }
 
 void RedisServer::link_clients(const std::string &to_socket)
 {
     unlink_clients();
-    std::filesystem::create_symlink(to_socket, m_link);
+    std::filesystem::create_symlink(to_socket, link_);
 }
 
 std::string RedisServer::command(std::initializer_list<std::string_view> words)
 {
-    if (m_control == nullptr)
-        m_control = redisConnectUnix(m_socket.c_str());
+    if (control_ == nullptr)
+        control_ = redisConnectUnix(socket_.c_str());
     std::vector<const char *> pieces;
     std::vector<size_t> sizes;
     for (const std::string_view word : words) {
@@ -165,7 +165,7 @@ std::string RedisServer::command(std::initializer_list<std::string_view> words)
         sizes.push_back(word.size());
     }
     auto *reply = static_cast<redisReply *>(
-        redisCommandArgv(m_control, static_cast<int>(pieces.size()), pieces.data(), sizes.data()));
+        redisCommandArgv(control_, static_cast<int>(pieces.size()), pieces.data(), sizes.data()));
     if (reply == nullptr) {
         ADD_FAILURE() << "no answer to " << *words.begin();
         return "";

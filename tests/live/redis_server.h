@@ -47,10 +47,10 @@ public:
 private:
     void make_directory();
 
-    std::vector<std::string> m_words; /* of the command */
-    pid_t m_pid = -1;
-    std::string m_directory, m_socket, m_link;
-    redisContext *m_control = nullptr;
+    std::vector<std::string> words_; /* of the command */
+    pid_t pid_ = -1;
+    std::string directory_, socket_, link_;
+    redisContext *control_ = nullptr;
 };
 
 /* A port of the loopback on which nobody listens now. */

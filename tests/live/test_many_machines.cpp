@@ -416,32 +416,32 @@ class Card
 {
 public:
     Card(std::string card_directory, uint32_t first_port, LiveDaemon::Environment environment)
-        : m_directory(make_directory(std::move(card_directory), first_port)),
-          m_environment(std::move(environment))
+        : directory_(make_directory(std::move(card_directory), first_port)),
+          environment_(std::move(environment))
     {
-        m_environment.emplace_back("VVLAN_SHELL", m_directory + "/shell.sock");
-        m_environment.emplace_back("RUNTIME_DIRECTORY", m_directory);
-        m_environment.emplace_back("VVLAN_PORTS", m_directory + "/ports");
-        m_daemon.emplace(m_directory + "/daemon", m_directory, m_environment);
+        environment_.emplace_back("VVLAN_SHELL", directory_ + "/shell.sock");
+        environment_.emplace_back("RUNTIME_DIRECTORY", directory_);
+        environment_.emplace_back("VVLAN_PORTS", directory_ + "/ports");
+        daemon_.emplace(directory_ + "/daemon", directory_, environment_);
     }
     /* With another program than the daemon itself: its lines as a script. */
     void start(const std::string &command = VVLAN_PROGRAM_DIR "/ox.vvlan.dp")
     {
-        const std::string script = m_directory + "/daemon";
+        const std::string script = directory_ + "/daemon";
         std::ofstream(script) << "#!/bin/sh\nexec " << command << "\n";
         std::filesystem::permissions(script, std::filesystem::perms::owner_all);
-        m_daemon->start();
+        daemon_->start();
         EXPECT_TRUE(until([&] { return ctl("shell show-zlog-level").status == 0; })) << log();
     }
     void kill(int signal)
     {
-        m_daemon->signal(signal);
-        EXPECT_NE(m_daemon->wait(30'000), -1);
+        daemon_->signal(signal);
+        EXPECT_NE(daemon_->wait(30'000), -1);
     }
     Output ctl(const std::string &words) const
     {
         std::string command = "env";
-        for (const auto &[name, value] : m_environment)
+        for (const auto &[name, value] : environment_)
             command.append(" ").append(name).append("=").append(value);
         return run(command + " " VVLAN_PROGRAM_DIR "/vvlanctl " + words);
     }
@@ -472,7 +472,7 @@ public:
     }
     std::string log() const
     {
-        return m_daemon->log();
+        return daemon_->log();
     }
 
 private:
@@ -486,9 +486,9 @@ private:
         return path;
     }
 
-    std::string m_directory;
-    LiveDaemon::Environment m_environment;
-    std::optional<LiveDaemon> m_daemon;
+    std::string directory_;
+    LiveDaemon::Environment environment_;
+    std::optional<LiveDaemon> daemon_;
 };
 
 void configure(const Card &card, const std::string &ports)

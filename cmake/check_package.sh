@@ -54,10 +54,15 @@ make_root() {
     install -m 755 cmake/check_package_inside.sh "$root/check"
 }
 
-# Host names and mirrors as here, services kept from starting by a policy.
+# Host names and mirrors as here, services kept from starting by a policy. In a
+# chroot "/" may be no mount that could be made private; nsenter begins at the real one.
 in_plain_root() {
-    unshare --mount --pid --fork --kill-child --mount-proc="$root/proc" \
-        chroot "$root" /check plain "$version"
+    # shellcheck disable=SC2016 # expanded by that shell
+    unshare --mount --propagation unchanged --pid --fork --kill-child sh -euc '
+        mount --make-rprivate / 2>/dev/null ||
+            nsenter --mount=/proc/self/ns/mnt mount --make-rprivate /
+        mount -t proc proc "$0/proc"
+        exec chroot "$0" /check plain "$1"' "$root" "$version"
 }
 
 in_booted_root() {
@@ -105,4 +110,9 @@ make_base
 trap 'rm -rf "$root"' EXIT
 make_root
 in_plain_root || fail "the package does not work in a plain root"
+if ! unshare --user true 2>/dev/null; then
+    echo "$0: SKIPPED, NOT CHECKED WHERE SYSTEMD RUNS: no user namespace can be made here (in a" \
+        "chroot the kernel refuses them), which a container with hardened units needs" >&2
+    exit 0
+fi
 in_booted_root || fail "the package does not work where systemd runs"

@@ -8,7 +8,7 @@ export DEBIAN_FRONTEND=noninteractive
 
 tell_why() {
     tail -n 20 /tmp/run.log 2>/dev/null || true
-    [ "$way" = plain ] || journalctl -q --no-pager -u vvlan -n 20
+    [ "$way" = plain ] || journalctl -q --no-pager -u vvlan -u vvlan-mom -n 40
 }
 
 say() {

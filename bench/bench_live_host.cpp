@@ -4,6 +4,7 @@
 #include <array>
 #include <cerrno>
 #include <csignal>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
@@ -72,6 +73,7 @@ Child::Child(const std::vector<std::string> &command, const std::function<bool()
             _exit(126);
         prctl(PR_SET_PDEATHSIG, SIGKILL); /* last: it is forgotten when the user changes */
         execvp(words[0], words.data());
+        std::perror(words[0]);
         _exit(127);
     }
     close(out[1]);
@@ -89,6 +91,11 @@ Child::~Child()
 pid_t Child::pid() const
 {
     return pid_;
+}
+
+int Child::output() const
+{
+    return out_;
 }
 
 double Child::started() const
@@ -249,9 +256,12 @@ double Daemon::wait_ready(double patience)
     const double end = now() + patience;
     std::array<char, 1024> text;
     for (;;) {
-        pollfd readable = {notices_, POLLIN, 0};
-        if (poll(&readable, 1, static_cast<int>(std::max(0.0, end - now()) * 1e3)) <= 0)
+        std::array<pollfd, 2> watched = {{{notices_, POLLIN, 0}, {child_.output(), 0, 0}}};
+        const int wait = static_cast<int>(std::max(0.0, end - now()) * 1e3);
+        if (poll(watched.data(), watched.size(), wait) <= 0)
             throw std::runtime_error("the daemon has not become ready");
+        if (watched[1].revents != 0)
+            throw std::runtime_error("the daemon has ended before it was ready");
         const double at = now();
         const ssize_t size = recv(notices_, text.data(), text.size(), 0);
         const std::string_view notice(text.data(), static_cast<size_t>(std::max<ssize_t>(0, size)));
@@ -369,7 +379,10 @@ bool write_file(const std::string &path, const std::string &text)
 bool become_own_host(const std::string &directory)
 {
     own_directories_make(directory);
-    return write_file(directory + "/tmp/udp_vvlan_debug", "1") && own_directories_enter(directory);
+    if (write_file(directory + "/tmp/udp_vvlan_debug", "1") && own_directories_enter(directory))
+        return true;
+    std::perror("a /run of its own for the daemon");
+    return false;
 }
 
 int listen_for_notices(const std::string &directory)

@@ -69,8 +69,10 @@ bool keep_mounts_to_ourselves()
     if (errno != EINVAL)
         return false;
     const int root = open("/", O_PATH | O_DIRECTORY | O_CLOEXEC);
+    const int here = open(".", O_PATH | O_DIRECTORY | O_CLOEXEC);
     const int own = open("/proc/self/ns/mnt", O_RDONLY | O_CLOEXEC);
-    return setns(own, CLONE_NEWNS) == 0 && make_private() && fchdir(root) == 0 && chroot(".") == 0;
+    return setns(own, CLONE_NEWNS) == 0 && make_private() && fchdir(root) == 0 &&
+           chroot(".") == 0 && fchdir(here) == 0;
 }
 
 } // namespace

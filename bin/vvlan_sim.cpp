@@ -6,7 +6,6 @@
  * simulated machine as the program to run.
  */
 #include <cerrno>
-#include <charconv>
 #include <cstdio>
 #include <cstring>
 #include <string>
@@ -17,6 +16,7 @@
 #include "sim/player_command.h"
 #include "sim/player_condition.h"
 #include "sim/player_play.h"
+#include "text/number.h"
 
 namespace
 {
@@ -117,10 +117,10 @@ std::string take_option(std::string_view option, std::string_view next, Argument
     else if (option == "--help" || option == "-h")
         arguments.help = true;
     else if (option == "--level") {
-        int &level = arguments.options.level.emplace(0);
-        const auto [stop, error] = std::from_chars(next.data(), next.data() + next.size(), level);
-        if (error != std::errc{} || stop != next.data() + next.size() || level < 0 || level > 5)
+        const auto level = text::number_read(next);
+        if (!level || *level > 5)
             return "--level wants a number of 0..5";
+        arguments.options.level = static_cast<int>(*level);
     } else {
         return "unknown option " + std::string(option);
     }

@@ -5,6 +5,8 @@
 #include <optional>
 #include <set>
 
+#include "text/number.h"
+
 namespace ctl
 {
 
@@ -27,16 +29,12 @@ Mac masked(const Oui &oui);
 
 uint32_t number_parse(std::string_view text, const std::string &what)
 {
-    const bool is_hex = text.starts_with("0x") || text.starts_with("0X");
-    const std::string_view digits = is_hex ? text.substr(2) : text;
-    uint32_t value = 0;
-    const auto [stop, error] =
-        std::from_chars(digits.data(), digits.data() + digits.size(), value, is_hex ? 16 : 10);
-    if (error == std::errc::result_out_of_range && stop == digits.data() + digits.size())
-        refuse(what + " " + std::string(text) + " is too large: a number has 32 bits");
-    if (error != std::errc{} || stop != digits.data() + digits.size())
+    const auto number = text::number_read(text);
+    if (!number)
         misread(text, what);
-    return value;
+    if (*number > UINT32_MAX)
+        refuse(what + " " + std::string(text) + " is too large: a number has 32 bits");
+    return static_cast<uint32_t>(*number);
 }
 
 uint32_t vlan_parse(std::string_view text)

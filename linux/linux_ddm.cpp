@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <charconv>
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
@@ -18,6 +17,7 @@
 #include "linux/linux_log.h"
 #include "linux/linux_loop.h"
 #include "platform/libddm.h"
+#include "text/number.h"
 
 namespace
 {
@@ -67,15 +67,6 @@ std::string_view next_word(std::string_view *line)
     return word;
 }
 
-bool parse_number(std::string_view text, uint32_t *number)
-{
-    const bool is_hex = text.starts_with("0x") || text.starts_with("0X");
-    text.remove_prefix(is_hex ? 2 : 0);
-    const char *end = text.data() + text.size();
-    const auto [stopped, error] = std::from_chars(text.data(), end, *number, is_hex ? 16 : 10);
-    return error == std::errc() && stopped == end && *number != 0;
-}
-
 /* Returns why the line is wrong, or "" and the pair. */
 std::string parse_line(std::string_view line, linux_ddm_pair *pair)
 {
@@ -85,9 +76,11 @@ std::string parse_line(std::string_view line, linux_ddm_pair *pair)
     if (name.empty() || !next_word(&line).empty())
         return "\"ifx phyid name\" is wanted";
     for (const auto &[word, number] : {std::pair{ifx, &pair->ifx}, {phyid, &pair->phyid}}) {
-        if (!parse_number(word, number))
+        const auto value = text::number_read(word);
+        if (!value || *value == 0 || *value > UINT32_MAX)
             return "\"" + std::string(word.substr(0, NAME_MAX_LENGTH)) +
                    "\" is no number from 1 to 4294967295";
+        *number = static_cast<uint32_t>(*value);
     }
     if (name.size() > NAME_MAX_LENGTH)
         return "the name is longer than " + std::to_string(NAME_MAX_LENGTH) + " characters";

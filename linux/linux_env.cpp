@@ -1,7 +1,6 @@
 #include "linux/linux_env.h"
 
 #include <array>
-#include <charconv>
 #include <cstdlib>
 #include <optional>
 #include <string_view>
@@ -9,6 +8,7 @@
 #include <unistd.h>
 
 #include "linux/linux_log.h"
+#include "text/number.h"
 
 namespace
 {
@@ -138,19 +138,15 @@ std::optional<linux_env_address> parse_address(std::string_view text)
     if (colon == std::string_view::npos)
         return std::nullopt;
     std::string_view host = text.substr(0, colon);
-    const std::string_view digits = text.substr(colon + 1);
     if (host.starts_with('[') && host.ends_with(']'))
         host = host.substr(1, host.size() - 2);
     else if (host.find(':') != std::string_view::npos)
         return std::nullopt;
-    linux_env_address address;
-    const char *end = digits.data() + digits.size();
-    const auto [stopped, error] = std::from_chars(digits.data(), end, address.port);
-    if (error != std::errc() || stopped != end || address.port == 0 || host.empty() ||
+    const auto port = text::number_read(text.substr(colon + 1));
+    if (!port || *port == 0 || *port > UINT16_MAX || host.empty() ||
         host.find_first_of(" \t/") != std::string_view::npos)
         return std::nullopt;
-    address.host = host;
-    return address;
+    return linux_env_address{.host = std::string(host), .port = static_cast<uint16_t>(*port)};
 }
 
 std::string take_addresses(std::string_view list, size_t max, linux_env_mom *mom)
@@ -248,11 +244,11 @@ std::string take_card(std::string_view value, linux_env_settings *settings)
 {
     if (value.empty())
         return "";
-    const char *end = value.data() + value.size();
-    const auto [stopped, error] = std::from_chars(value.data(), end, settings->mom_card);
-    const bool is_good =
-        error == std::errc() && stopped == end && settings->mom_card <= LINUX_ENV_CARD_MAX;
-    return is_good ? "" : "a number from 0 to " + std::to_string(LINUX_ENV_CARD_MAX) + " is wanted";
+    const auto card = text::number_read(value);
+    if (!card || *card > LINUX_ENV_CARD_MAX)
+        return "a number from 0 to " + std::to_string(LINUX_ENV_CARD_MAX) + " is wanted";
+    settings->mom_card = static_cast<uint32_t>(*card);
+    return "";
 }
 
 std::string take_shell(std::string_view value, linux_env_settings *settings)

@@ -5,6 +5,7 @@
 #include "object/object.h"
 #include "object/object_field.h"
 #include "proto/key_role.h"
+#include "text/number.h"
 
 namespace object
 {
@@ -276,15 +277,10 @@ std::optional<std::string> parse_mac(std::string_view word)
 
 std::optional<uint32_t> parse_number(std::string_view word)
 {
-    int base = 10;
-    if (word.starts_with("0x")) {
-        word.remove_prefix(2);
-        base = 16;
-    }
-    uint32_t value = 0;
-    auto [end, error] = std::from_chars(word.data(), word.data() + word.size(), value, base);
-    bool whole = error == std::errc() && end == word.data() + word.size();
-    return whole ? std::optional(value) : std::nullopt;
+    const auto number = text::number_read(word);
+    if (!number || *number > UINT32_MAX)
+        return std::nullopt;
+    return static_cast<uint32_t>(*number);
 }
 
 bool Reader::read(ProtobufCMessage &message, std::vector<uint32_t> *fields_given)

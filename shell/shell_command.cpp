@@ -2,12 +2,13 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <charconv>
 #include <climits>
 #include <new>
 #include <sstream>
 #include <string_view>
 #include <utility>
+
+#include "text/number.h"
 
 namespace
 {
@@ -55,15 +56,11 @@ bool parse_int(std::string_view text, int *value)
 {
     const bool is_negative = text.starts_with('-');
     text.remove_prefix(is_negative ? 1 : 0);
-    const bool is_hex = text.starts_with("0x") || text.starts_with("0X");
-    text.remove_prefix(is_hex ? 2 : 0);
-    unsigned long number = 0;
-    const auto [end, error] =
-        std::from_chars(text.data(), text.data() + text.size(), number, is_hex ? 16 : 10);
-    const unsigned long limit = is_negative ? -static_cast<unsigned long>(INT_MIN) : INT_MAX;
-    if (error != std::errc() || end != text.data() + text.size() || number > limit)
+    const auto number = text::number_read(text);
+    if (!number || *number > (is_negative ? uint64_t{INT_MAX} + 1 : INT_MAX))
         return false;
-    *value = static_cast<int>(is_negative ? -static_cast<long>(number) : static_cast<long>(number));
+    const auto magnitude = static_cast<int64_t>(*number);
+    *value = static_cast<int>(is_negative ? -magnitude : magnitude);
     return true;
 }
 

@@ -4,6 +4,8 @@
 #include <charconv>
 #include <cstdio>
 
+#include "text/number.h"
+
 namespace sim
 {
 
@@ -122,15 +124,10 @@ void Cursor::refuse(const char *expected)
 
 uint64_t text_number(std::string_view text, size_t column, const char *expected, uint64_t most)
 {
-    const bool hexadecimal = text.starts_with("0x");
-    if (hexadecimal)
-        text.remove_prefix(2);
-    uint64_t value = 0;
-    const char *end = text.data() + text.size();
-    const auto [stop, error] = std::from_chars(text.data(), end, value, hexadecimal ? 16 : 10);
-    if (text.empty() || stop != end || error != std::errc{} || value > most)
+    const auto number = text::number_read(text);
+    if (!number || *number > most)
         throw Refusal{column, expected};
-    return value;
+    return *number;
 }
 
 std::array<uint8_t, 6> text_mac(std::string_view text, size_t column)

@@ -2,7 +2,9 @@
  * linux_mom_client - connections to the database server and what is under way on
  * them. Internal to linux_mom.
  *
- * linux_mom_client.cpp    clients, links, requests, losing and coming back
+ * linux_mom_client.cpp    clients, requests and their answers, losing, the watch
+ *                         over a silent server
+ * linux_mom_connect.cpp   from finding the server to telling the program
  * linux_mom_delivery.cpp  subscriptions, and the queue through which every
  *                         callback is made
  * linux_mom_scan.cpp      scans
@@ -43,6 +45,11 @@ constexpr size_t DATABASES = 4;
 constexpr size_t SCANS_MAX = 65'536;
 constexpr size_t SUBSCRIPTIONS_MAX = 4'096;
 constexpr uint64_t NEVER = UINT64_MAX;
+
+constexpr int64_t MILLISECOND = 1'000; /* in microseconds, as all times here */
+constexpr int64_t SECOND = 1'000'000;
+constexpr int64_t PATIENCE = 3 * SECOND; /* with a server that does not answer */
+constexpr int64_t BACKOFF_MIN = 10 * MILLISECOND;
 
 /* --- Objects */
 
@@ -234,6 +241,10 @@ void connect_now(Connection &c);
 int connect_wait(Connection &c);
 /* The connect callback is called from the queue; of several such calls the last counts. */
 void connect_told_later(Connection &c);
+/* Called from the queue: the program is told that it is disconnected. */
+void tell_lost(Connection &c);
+/* Asks whether the server is still the master; another is left, as one that is lost. */
+void check_role(Connection &c);
 
 /*
  * Makes a request. Its answer goes to `handler`; without one it is a write, whose

@@ -46,26 +46,26 @@ uint32_t db_of_kind(std::string_view kind)
 
 kt_global *Databases::context()
 {
-    if (global == nullptr)
-        global = host.open();
-    return global;
+    if (global_ == nullptr)
+        global_ = host_.open();
+    return global_;
 }
 
 void Databases::open(uint32_t db)
 {
-    if (opened.contains(db))
+    if (opened_.contains(db))
         return;
     const int result = kt_mom_client_connect_sync(context(), db);
     if (result != 0)
         unreachable(db, reason(result));
     const auto is_up = std::make_shared<bool>(false);
-    host.kept.push_back(is_up);
+    host_.kept.push_back(is_up);
     const int asked = kt_mom_client_connect(context(), db, raise_flag, is_up.get());
     if (asked != 0)
         unreachable(db, reason(asked));
-    if (!host.run([&] { return *is_up; }, PATIENCE))
+    if (!host_.run([&] { return *is_up; }, PATIENCE))
         unreachable(db, "no answer");
-    opened.insert(db);
+    opened_.insert(db);
 }
 
 void Databases::scan(uint32_t db, const ProtobufCMessage &object_template, uint32_t match,
@@ -98,7 +98,7 @@ void Databases::set(uint32_t db, const ProtobufCMessage &object, uint64_t expire
 {
     open(db);
     check(kt_mom_set(context(), db, &object, 0, expire), "set", db, object);
-    written.insert(db);
+    written_.insert(db);
 }
 
 void Databases::hset(uint32_t db, const ProtobufCMessage &object, std::span<const uint32_t> fields)
@@ -106,42 +106,42 @@ void Databases::hset(uint32_t db, const ProtobufCMessage &object, std::span<cons
     open(db);
     check(kt_mom_hset(context(), db, &object, fields.data(), static_cast<uint32_t>(fields.size())),
           "set fields of", db, object);
-    written.insert(db);
+    written_.insert(db);
 }
 
 void Databases::del(uint32_t db, const ProtobufCMessage &key)
 {
     open(db);
     check(kt_mom_del(context(), db, &key, 0, 0), "delete", db, key);
-    written.insert(db);
+    written_.insert(db);
 }
 
 void Databases::publish(uint32_t db, const ProtobufCMessage &object)
 {
     open(db);
     check(kt_mom_publish(context(), db, &object), "publish", db, object);
-    written.insert(db);
+    written_.insert(db);
 }
 
 /* A scan takes effect after every earlier request of its connection. */
 void Databases::settle()
 {
     const object::Message any = object::empty(*object::kind_by_name("p_bridge.vvlan_glb_cfg"));
-    for (const uint32_t db : written) {
+    for (const uint32_t db : written_) {
         const auto is_over = std::make_shared<bool>(false);
-        host.kept.push_back(is_over);
+        host_.kept.push_back(is_over);
         check(kt_mom_scan(context(), db, any.get(), KT_MOM_MATCH_EXACT, raise_flag_at_end,
                           is_over.get()),
               "confirm", db, *any);
         const bool has_ended =
-            host.run([&] { return *is_over || !host.refusal().empty(); }, PATIENCE);
+            host_.run([&] { return *is_over || !host_.refusal().empty(); }, PATIENCE);
         check_refusal();
         if (!has_ended)
-            throw Failure{NO_REACH, "database " + std::to_string(db) + " at " + host.server() +
+            throw Failure{NO_REACH, "database " + std::to_string(db) + " at " + host_.server() +
                                         " did not confirm the change: see with vvlanctl show "
                                         "whether it is there"};
     }
-    written.clear();
+    written_.clear();
 }
 
 bool Databases::hset_if(uint32_t db, const ProtobufCMessage &before, const ProtobufCMessage &object,
@@ -170,15 +170,15 @@ void Databases::check(int result, const char *verb, uint32_t db,
 
 void Databases::check_refusal() const
 {
-    if (const std::string refusal = host.refusal(); !refusal.empty())
-        throw Failure{REFUSED, host.server() + " refused the change: " + refusal};
+    if (const std::string refusal = host_.refusal(); !refusal.empty())
+        throw Failure{REFUSED, host_.server() + " refused the change: " + refusal};
 }
 
 void Databases::unreachable(uint32_t db, const std::string &why) const
 {
-    const std::string trouble = host.trouble();
-    throw Failure{NO_REACH, "cannot reach database " + std::to_string(db) + " at " + host.server() +
-                                ": " + (trouble.empty() ? why : trouble)};
+    const std::string trouble = host_.trouble();
+    throw Failure{NO_REACH, "cannot reach database " + std::to_string(db) + " at " +
+                                host_.server() + ": " + (trouble.empty() ? why : trouble)};
 }
 
 namespace

@@ -44,7 +44,7 @@ using Visit = std::function<void(const ProtobufCMessage &object, std::span<const
 class Databases
 {
 public:
-    explicit Databases(Host &ctl_host) : host(ctl_host)
+    explicit Databases(Host &host) : host_(host)
     {
     }
 
@@ -88,10 +88,10 @@ private:
     void check_refusal() const;
     [[noreturn]] void unreachable(uint32_t db, const std::string &why) const;
 
-    Host &host;
-    kt_global *global = nullptr;
-    std::set<uint32_t> opened;
-    std::set<uint32_t> written;
+    Host &host_;
+    kt_global *global_ = nullptr;
+    std::set<uint32_t> opened_;
+    std::set<uint32_t> written_;
 };
 
 } // namespace ctl

@@ -27,7 +27,7 @@ public:
     Socket(const std::string &path, int milliseconds);
     ~Socket()
     {
-        ::close(fd);
+        ::close(fd_);
     }
     Socket(const Socket &) = delete;
     Socket &operator=(const Socket &) = delete;
@@ -37,7 +37,7 @@ public:
     void receive(std::string *text, int milliseconds) const;
 
 private:
-    int fd;
+    int fd_;
 };
 
 [[noreturn]] void no_reach(const std::string &why);
@@ -118,15 +118,15 @@ Socket::Socket(const std::string &path, int milliseconds)
         throw Failure{USAGE, path + " is too long for a socket's path: at most " +
                                  std::to_string(sizeof address.sun_path - 1) + " bytes"};
     path.copy(address.sun_path, path.size());
-    fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (fd < 0)
+    fd_ = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (fd_ < 0)
         no_reach(std::string("cannot make a socket: ") + std::strerror(errno));
     const timeval limit = {milliseconds / 1000, milliseconds % 1000 * 1000L};
-    ::setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit); /* connecting is sending */
-    if (::connect(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0)
+    ::setsockopt(fd_, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit); /* connecting is sending */
+    if (::connect(fd_, reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0)
         return;
     const int error = errno;
-    ::close(fd);
+    ::close(fd_);
     if (error == EAGAIN)
         no_reach("the debug shell does not answer");
     const char *hint = error == ENOENT || error == ECONNREFUSED ? " (the daemon is not running)"
@@ -138,7 +138,7 @@ Socket::Socket(const std::string &path, int milliseconds)
 void Socket::send(std::string_view text) const
 {
     while (!text.empty()) {
-        const ssize_t count = ::send(fd, text.data(), text.size(), MSG_NOSIGNAL);
+        const ssize_t count = ::send(fd_, text.data(), text.size(), MSG_NOSIGNAL);
         if (count < 0 && errno == EINTR)
             continue;
         if (count < 0) /* what it said before it closed is more telling */
@@ -149,14 +149,14 @@ void Socket::send(std::string_view text) const
 
 void Socket::receive(std::string *text, int milliseconds) const
 {
-    pollfd waited{fd, POLLIN, 0};
+    pollfd waited{fd_, POLLIN, 0};
     const int ready = ::poll(&waited, 1, milliseconds);
     if (ready < 0 && errno == EINTR)
         return;
     if (ready <= 0)
         no_reach("the debug shell does not answer");
     char bytes[16384];
-    const ssize_t count = ::recv(fd, bytes, sizeof bytes, 0);
+    const ssize_t count = ::recv(fd_, bytes, sizeof bytes, 0);
     if (count < 0 && errno == EINTR)
         return;
     if (count <= 0)

@@ -25,14 +25,14 @@ public:
 
     bool is_empty() const
     {
-        return rows.size() == 1;
+        return rows_.size() == 1;
     }
 
     /* Each line begins with two blanks and has none at its end. */
     void print(std::ostream &out) const;
 
 private:
-    std::vector<std::vector<std::string>> rows;
+    std::vector<std::vector<std::string>> rows_;
 };
 
 } // namespace ctl

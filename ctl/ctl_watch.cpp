@@ -50,7 +50,7 @@ struct Change {
 class Queue
 {
 public:
-    Queue(Host &ctl_host, size_t most) : host(ctl_host), limit(most)
+    Queue(Host &host, size_t most) : host_(host), limit_(most)
     {
     }
     void take(std::string_view line);
@@ -58,11 +58,11 @@ public:
     bool is_due() const;
     bool is_empty() const
     {
-        return text.size() == written;
+        return text_.size() == written_;
     }
     size_t waiting() const
     {
-        return lines;
+        return lines_;
     }
     bool is_closed = false; /* it takes no more */
     long failure = 0;       /* why, a negative errno value */
@@ -72,13 +72,13 @@ public:
     bool has_room();
 
 private:
-    Host &host;
-    size_t limit;
-    std::string text;
-    size_t written = 0; /* bytes of the text that are out */
-    size_t lines = 0;   /* in the rest */
-    bool is_full = false;
-    steady_clock::time_point last = steady_clock::now();
+    Host &host_;
+    size_t limit_;
+    std::string text_;
+    size_t written_ = 0; /* bytes of the text that are out */
+    size_t lines_ = 0;   /* in the rest */
+    bool is_full_ = false;
+    steady_clock::time_point last_ = steady_clock::now();
 };
 
 size_t count_or(const std::string &text, size_t standard, const std::string &what);
@@ -94,12 +94,11 @@ struct Receiver {
 class Watch
 {
 public:
-    Watch(const Context &ctl_context, const WatchOptions &watch_options)
-        : context(ctl_context), since_start(watch_options.since_start),
-          most(count_or(watch_options.count, 0, "a number of lines")),
-          seconds(count_or(watch_options.seconds, 0, "a number of seconds")),
-          queue(ctl_context.host,
-                count_or(watch_options.queue, WATCH_QUEUE_LINES, "a number of lines"))
+    Watch(const Context &context, const WatchOptions &options)
+        : context_(context), since_start_(options.since_start),
+          most_(count_or(options.count, 0, "a number of lines")),
+          seconds_(count_or(options.seconds, 0, "a number of seconds")),
+          queue_(context.host, count_or(options.queue, WATCH_QUEUE_LINES, "a number of lines"))
     {
     }
     void run(std::span<const uint32_t> databases);
@@ -116,7 +115,7 @@ public:
 private:
     bool is_enough() const
     {
-        return most != 0 && told >= most;
+        return most_ != 0 && told_ >= most_;
     }
     void tell_what_stands();
     /* Changes that were skipped and not told as such yet. */
@@ -128,21 +127,21 @@ private:
     std::string stamp();
     void finish();
 
-    Context context;
-    bool since_start;
-    size_t most;    /* lines, 0: no limit */
-    size_t seconds; /* 0: no limit */
-    Queue queue;
-    std::map<uint32_t, Receiver> receivers; /* by database */
-    Databases databases{context.host};
-    steady_clock::time_point begin = steady_clock::now();
-    std::time_t stamped_second = -1; /* second_text is of this second */
-    std::string second_text;
-    uint64_t told = 0;
-    steady_clock::time_point skipped_told;
-    uint64_t missed_told = 0; /* of those that the database's client dropped */
-    bool is_timer_armed = false;
-    bool is_over = false;
+    Context context_;
+    bool since_start_;
+    size_t most_;    /* lines, 0: no limit */
+    size_t seconds_; /* 0: no limit */
+    Queue queue_;
+    std::map<uint32_t, Receiver> receivers_; /* by database */
+    Databases databases_{context_.host};
+    steady_clock::time_point begin_ = steady_clock::now();
+    std::time_t stamped_second_ = -1; /* what second_text_ is of */
+    std::string second_text_;
+    uint64_t told_ = 0;
+    steady_clock::time_point skipped_told_;
+    uint64_t missed_told_ = 0; /* of those that the database's client dropped */
+    bool is_timer_armed_ = false;
+    bool is_over_ = false;
 };
 
 /* The connection callbacks have no user data. */
@@ -186,43 +185,43 @@ int on_back(kt_global *, uint32_t db, int type);
 
 void Queue::take(std::string_view line)
 {
-    text += line;
-    text += '\n';
-    lines++;
+    text_ += line;
+    text_ += '\n';
+    lines_++;
 }
 
 void Queue::write()
 {
-    last = steady_clock::now();
+    last_ = steady_clock::now();
     while (!is_empty() && !is_closed) {
-        const long count = host.write_now(std::string_view(text).substr(written));
+        const long count = host_.write_now(std::string_view(text_).substr(written_));
         is_closed = count < 0;
         failure = std::min(count, 0L);
         if (count <= 0)
             return;
-        const auto from = text.begin() + static_cast<std::ptrdiff_t>(written);
-        lines -= static_cast<size_t>(std::count(from, from + count, '\n'));
-        written += static_cast<size_t>(count);
-        if (written == text.size() || written > WATCH_QUEUE_BYTES) {
-            text.erase(0, written);
-            written = 0;
+        const auto from = text_.begin() + static_cast<std::ptrdiff_t>(written_);
+        lines_ -= static_cast<size_t>(std::count(from, from + count, '\n'));
+        written_ += static_cast<size_t>(count);
+        if (written_ == text_.size() || written_ > WATCH_QUEUE_BYTES) {
+            text_.erase(0, written_);
+            written_ = 0;
         }
     }
 }
 
 bool Queue::has_room()
 {
-    const size_t bytes = text.size() - written;
-    if (lines >= limit || bytes >= WATCH_QUEUE_BYTES)
-        is_full = true;
-    else if (lines <= limit / 2 && bytes <= WATCH_QUEUE_BYTES / 2)
-        is_full = false;
-    return !is_full;
+    const size_t bytes = text_.size() - written_;
+    if (lines_ >= limit_ || bytes >= WATCH_QUEUE_BYTES)
+        is_full_ = true;
+    else if (lines_ <= limit_ / 2 && bytes <= WATCH_QUEUE_BYTES / 2)
+        is_full_ = false;
+    return !is_full_;
 }
 
 bool Queue::is_due() const
 {
-    return text.size() - written >= WRITE_AT_ONCE || steady_clock::now() - last >= WRITE_EVERY;
+    return text_.size() - written_ >= WRITE_AT_ONCE || steady_clock::now() - last_ >= WRITE_EVERY;
 }
 
 /* --- Watch */
@@ -231,25 +230,26 @@ void Watch::run(std::span<const uint32_t> watched)
 {
     constexpr size_t SECONDS_MAX = 2'000'000;
     for (const uint32_t db : watched) {
-        databases.open(db);
-        kt_mom_client_set_disconnect_cb(databases.context(), db, on_lost);
-        kt_mom_client_set_reconnect_cb(databases.context(), db, on_back);
+        databases_.open(db);
+        kt_mom_client_set_disconnect_cb(databases_.context(), db, on_lost);
+        kt_mom_client_set_reconnect_cb(databases_.context(), db, on_back);
         resume(db);
     }
-    if (since_start)
+    if (since_start_)
         tell_what_stands();
-    context.host.run([&] { return queue.is_closed || is_enough(); },
-                     seconds == 0 ? -1 : static_cast<int>(std::min(seconds, SECONDS_MAX) * 1000));
+    context_.host.run([&] { return queue_.is_closed || is_enough(); },
+                      seconds_ == 0 ? -1
+                                    : static_cast<int>(std::min(seconds_, SECONDS_MAX) * 1000));
     finish();
 }
 
 /* Passive, and again harmless: there is one watcher per database and receiver. */
 void Watch::resume(uint32_t db)
 {
-    const auto at = receivers.try_emplace(db, Receiver{this, db}).first;
-    if (kt_mom_watch(databases.context(), db, on_change, &at->second) != 0)
+    const auto at = receivers_.try_emplace(db, Receiver{this, db}).first;
+    if (kt_mom_watch(databases_.context(), db, on_change, &at->second) != 0)
         throw Failure{NO_REACH, "cannot watch database " + std::to_string(db) + " at " +
-                                    context.host.server()};
+                                    context_.host.server()};
 }
 
 void Watch::tell_what_stands()
@@ -257,13 +257,13 @@ void Watch::tell_what_stands()
     size_t standing = 0;
     for (const object::Kind *kind : kinds) {
         const uint32_t db = db_of_kind(object::kind_name(*kind));
-        databases.scan(object::kind_name(*kind),
-                       [&](const ProtobufCMessage &object, std::span<const uint32_t> fields) {
-                           standing++;
-                           tell({db, KT_MOM_SET, object, fields, true});
-                           if (!queue.has_room())
-                               queue.write();
-                       });
+        databases_.scan(object::kind_name(*kind),
+                        [&](const ProtobufCMessage &object, std::span<const uint32_t> fields) {
+                            standing++;
+                            tell({db, KT_MOM_SET, object, fields, true});
+                            if (!queue_.has_room())
+                                queue_.write();
+                        });
     }
     note(NO_DB, std::to_string(standing) + (standing == 1 ? " object stands" : " objects stand") +
                     "; changes follow");
@@ -271,40 +271,40 @@ void Watch::tell_what_stands()
 
 void Watch::tell(const Change &change)
 {
-    if (is_over || is_enough() || (selects && !selects(change)))
+    if (is_over_ || is_enough() || (selects && !selects(change)))
         return;
-    if (!queue.has_room()) {
-        queue.skipped++;
+    if (!queue_.has_room()) {
+        queue_.skipped++;
         write_later();
         return;
     }
-    if (queue.skipped != 0)
+    if (queue_.skipped != 0)
         tell_of_skipped();
-    queue.take(line_of(change));
+    queue_.take(line_of(change));
     if (!change.is_standing)
-        told++;
-    if (queue.is_due()) {
+        told_++;
+    if (queue_.is_due()) {
         tell_of_skipped_at_times();
-        queue.write();
+        queue_.write();
     }
     write_later();
 }
 
 void Watch::note(uint32_t db, const std::string &words, uint64_t skipped)
 {
-    if (is_over)
+    if (is_over_)
         return;
-    if (context.json) {
+    if (context_.json) {
         Json json = json_document();
         json["time"] = utc_now();
         json["db"] = db == NO_DB ? Json(nullptr) : Json(db);
         json["operation"] = "note";
         json["words"] = words;
         json["skipped"] = skipped;
-        queue.take(json_text(json));
+        queue_.take(json_text(json));
     } else {
-        queue.take(stamp() + (db == NO_DB ? "  --   " : "  db " + std::to_string(db) + "  ") +
-                   words);
+        queue_.take(stamp() + (db == NO_DB ? "  --   " : "  db " + std::to_string(db) + "  ") +
+                    words);
     }
     write_later();
 }
@@ -312,14 +312,14 @@ void Watch::note(uint32_t db, const std::string &words, uint64_t skipped)
 uint64_t Watch::untold() const
 {
     uint64_t missed = 0;
-    for (const auto &[db, receiver] : receivers)
-        missed += context.host.missed(db);
-    return queue.skipped + missed - missed_told;
+    for (const auto &[db, receiver] : receivers_)
+        missed += context_.host.missed(db);
+    return queue_.skipped + missed - missed_told_;
 }
 
 void Watch::tell_of_skipped_at_times()
 {
-    if (steady_clock::now() - skipped_told >= SKIPPED_EVERY && queue.has_room())
+    if (steady_clock::now() - skipped_told_ >= SKIPPED_EVERY && queue_.has_room())
         tell_of_skipped();
 }
 
@@ -328,9 +328,9 @@ void Watch::tell_of_skipped()
     const uint64_t count = untold();
     if (count == 0)
         return;
-    missed_told += count - queue.skipped;
-    queue.skipped = 0;
-    skipped_told = steady_clock::now();
+    missed_told_ += count - queue_.skipped;
+    queue_.skipped = 0;
+    skipped_told_ = steady_clock::now();
     note(NO_DB,
          std::to_string(count) + (count == 1 ? " change" : " changes") +
              " skipped: the output is slower than the databases",
@@ -341,24 +341,24 @@ void Watch::tell_of_skipped()
  * of skipped changes that no later change gives occasion for. */
 void Watch::write_later()
 {
-    if (is_timer_armed || queue.is_closed || (queue.is_empty() && untold() == 0))
+    if (is_timer_armed_ || queue_.is_closed || (queue_.is_empty() && untold() == 0))
         return;
-    is_timer_armed =
-        kt_thread_add_timer_timeval_withname(databases.context()->master, on_timer, this, 0,
+    is_timer_armed_ =
+        kt_thread_add_timer_timeval_withname(databases_.context()->master, on_timer, this, 0,
                                              WRITE_EVERY_MICROS, "watch") == 0;
 }
 
 void Watch::write_from_timer()
 {
-    is_timer_armed = false;
+    is_timer_armed_ = false;
     tell_of_skipped_at_times();
-    queue.write();
+    queue_.write();
     write_later();
 }
 
 std::string Watch::line_of(const Change &change)
 {
-    if (context.json) {
+    if (context_.json) {
         Json json = json_document();
         json["time"] = utc_now();
         json["db"] = change.db;
@@ -384,39 +384,39 @@ std::string Watch::line_of(const Change &change)
 std::string Watch::stamp()
 {
     char text[sizeof "99999999.999"];
-    if (since_start) {
-        const std::chrono::duration<double> since = steady_clock::now() - begin;
+    if (since_start_) {
+        const std::chrono::duration<double> since = steady_clock::now() - begin_;
         std::snprintf(text, sizeof text, "%12.3f", since.count());
         return text;
     }
     timespec now{};
     clock_gettime(CLOCK_REALTIME, &now);
-    if (now.tv_sec != stamped_second) {
+    if (now.tv_sec != stamped_second_) {
         tm broken{};
         localtime_r(&now.tv_sec, &broken);
         std::snprintf(text, sizeof text, "%02u:%02u:%02u", static_cast<unsigned>(broken.tm_hour),
                       static_cast<unsigned>(broken.tm_min), static_cast<unsigned>(broken.tm_sec));
-        second_text = text;
-        stamped_second = now.tv_sec;
+        second_text_ = text;
+        stamped_second_ = now.tv_sec;
     }
     std::snprintf(text, sizeof text, ".%03u", static_cast<unsigned>(now.tv_nsec / 1'000'000));
-    return second_text + text;
+    return second_text_ + text;
 }
 
 /* Waits for a slow output, but not for one that stands still, nor when a person interrupts. */
 void Watch::finish()
 {
-    queue.write();
+    queue_.write();
     tell_of_skipped();
-    queue.write();
-    context.host.run([&] { return queue.is_empty() || queue.is_closed; }, PATIENCE);
-    is_over = true;
-    if (queue.is_closed && queue.failure != -EPIPE)
+    queue_.write();
+    context_.host.run([&] { return queue_.is_empty() || queue_.is_closed; }, PATIENCE);
+    is_over_ = true;
+    if (queue_.is_closed && queue_.failure != -EPIPE)
         throw Failure{REFUSED, std::string("the output cannot be written: ") +
-                                   std::strerror(static_cast<int>(-queue.failure))};
-    if (!queue.is_empty() && !queue.is_closed)
-        context.host.err << "vvlanctl: note: the output did not take the last " << queue.waiting()
-                         << " lines\n";
+                                   std::strerror(static_cast<int>(-queue_.failure))};
+    if (!queue_.is_empty() && !queue_.is_closed)
+        context_.host.err << "vvlanctl: note: the output did not take the last " << queue_.waiting()
+                          << " lines\n";
 }
 
 /* --- Callbacks; nothing is thrown through the library */

@@ -86,7 +86,7 @@ public:
     PlatformScope &operator=(const PlatformScope &) = delete;
 
 private:
-    bool before;
+    bool before_;
 };
 
 /* What the fast path of call_enter() needs to see; not for use elsewhere. */
@@ -112,14 +112,14 @@ bool allocation_is_refused(size_t size);
 
 } // namespace call_detail
 
-inline PlatformScope::PlatformScope() : before(call_detail::platform_runs)
+inline PlatformScope::PlatformScope() : before_(call_detail::platform_runs)
 {
     call_detail::platform_runs = true;
 }
 
 inline PlatformScope::~PlatformScope()
 {
-    call_detail::platform_runs = before;
+    call_detail::platform_runs = before_;
 }
 
 /*

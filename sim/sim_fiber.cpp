@@ -76,7 +76,7 @@ void tell_switch_ended([[maybe_unused]] void *kept, [[maybe_unused]] const void 
 
 } // namespace
 
-Fiber::Fiber(void (*function_)(void *), void *argument_) : function(function_), argument(argument_)
+Fiber::Fiber(void (*function)(void *), void *argument) : function_(function), argument_(argument)
 {
     const size_t guard = guard_size();
     void *mapped = mmap(nullptr, guard + STACK_SIZE, PROT_READ | PROT_WRITE,
@@ -85,60 +85,60 @@ Fiber::Fiber(void (*function_)(void *), void *argument_) : function(function_), 
         std::perror("sim: no stack for the simulated process");
         std::abort();
     }
-    memory = static_cast<char *>(mapped);
-    tell_stack_begins(memory + guard);
+    memory_ = static_cast<char *>(mapped);
+    tell_stack_begins(memory_ + guard);
 }
 
 Fiber::~Fiber()
 {
-    tell_stack_ends(memory + guard_size());
-    munmap(memory, guard_size() + STACK_SIZE);
+    tell_stack_ends(memory_ + guard_size());
+    munmap(memory_, guard_size() + STACK_SIZE);
 }
 
 void Fiber::resume()
 {
-    tell_switch_begins(&simulator_fake_stack, memory + guard_size(), STACK_SIZE);
-    if (_setjmp(simulator) == 0)
+    tell_switch_begins(&simulator_fake_stack_, memory_ + guard_size(), STACK_SIZE);
+    if (_setjmp(simulator_) == 0)
         switch_in();
-    tell_switch_ended(simulator_fake_stack, nullptr, nullptr);
+    tell_switch_ended(simulator_fake_stack_, nullptr, nullptr);
 }
 
 /* Its frame is abandoned, so it has no local that AddressSanitizer would mark. */
 void Fiber::switch_in()
 {
-    if (begun)
-        _longjmp(here, 1);
-    begun = true;
+    if (begun_)
+        _longjmp(here_, 1);
+    begun_ = true;
     entering = this;
-    getcontext(&start);
-    start.uc_stack.ss_sp = memory + guard_size();
-    start.uc_stack.ss_size = STACK_SIZE;
-    start.uc_link = nullptr;
-    makecontext(&start, &Fiber::enter, 0);
-    setcontext(&start);
+    getcontext(&start_);
+    start_.uc_stack.ss_sp = memory_ + guard_size();
+    start_.uc_stack.ss_size = STACK_SIZE;
+    start_.uc_link = nullptr;
+    makecontext(&start_, &Fiber::enter, 0);
+    setcontext(&start_);
 }
 
 void Fiber::enter()
 {
     Fiber *fiber = entering;
-    tell_switch_ended(nullptr, &fiber->simulator_bottom, &fiber->simulator_size);
-    fiber->function(fiber->argument);
+    tell_switch_ended(nullptr, &fiber->simulator_bottom_, &fiber->simulator_size_);
+    fiber->function_(fiber->argument_);
     std::abort();
 }
 
 void Fiber::suspend()
 {
-    tell_switch_begins(&fake_stack, simulator_bottom, simulator_size);
-    if (_setjmp(here) == 0)
-        _longjmp(simulator, 1);
-    tell_switch_ended(fake_stack, &simulator_bottom, &simulator_size);
+    tell_switch_begins(&fake_stack_, simulator_bottom_, simulator_size_);
+    if (_setjmp(here_) == 0)
+        _longjmp(simulator_, 1);
+    tell_switch_ended(fake_stack_, &simulator_bottom_, &simulator_size_);
 }
 
 void Fiber::leave()
 {
-    left = true;
-    tell_switch_begins(nullptr, simulator_bottom, simulator_size);
-    _longjmp(simulator, 1);
+    left_ = true;
+    tell_switch_begins(nullptr, simulator_bottom_, simulator_size_);
+    _longjmp(simulator_, 1);
 }
 
 } // namespace sim

@@ -40,25 +40,25 @@ public:
 
     bool has_left() const
     {
-        return left;
+        return left_;
     }
 
 private:
     static void enter();
     void switch_in();
 
-    void (*function)(void *);
-    void *argument;
-    char *memory; /* guard page, then the stack */
-    bool begun = false;
-    bool left = false;
-    ucontext_t start;
-    jmp_buf here;      /* where the fiber stands */
-    jmp_buf simulator; /* where the simulator stands */
-    void *fake_stack = nullptr;
-    void *simulator_fake_stack = nullptr;
-    const void *simulator_bottom = nullptr;
-    size_t simulator_size = 0;
+    void (*function_)(void *);
+    void *argument_;
+    char *memory_; /* guard page, then the stack */
+    bool begun_ = false;
+    bool left_ = false;
+    ucontext_t start_;
+    jmp_buf here_;      /* where the fiber stands */
+    jmp_buf simulator_; /* where the simulator stands */
+    void *fake_stack_ = nullptr;
+    void *simulator_fake_stack_ = nullptr;
+    const void *simulator_bottom_ = nullptr;
+    size_t simulator_size_ = 0;
 };
 
 } // namespace sim

@@ -101,16 +101,16 @@ protected:
 class ErrorPipe
 {
 public:
-    ErrorPipe() : before(dup(STDERR_FILENO))
+    ErrorPipe() : before_(dup(STDERR_FILENO))
     {
-        EXPECT_EQ(pipe2(ends, O_CLOEXEC), 0); /* writing blocks */
-        fcntl(ends[0], F_SETFL, O_NONBLOCK);
-        dup2(ends[1], STDERR_FILENO);
+        EXPECT_EQ(pipe2(ends_, O_CLOEXEC), 0); /* writing blocks */
+        fcntl(ends_[0], F_SETFL, O_NONBLOCK);
+        dup2(ends_[1], STDERR_FILENO);
     }
     ~ErrorPipe()
     {
-        dup2(before, STDERR_FILENO);
-        for (const int fd : {before, ends[0], ends[1]})
+        dup2(before_, STDERR_FILENO);
+        for (const int fd : {before_, ends_[0], ends_[1]})
             close(fd);
     }
     ErrorPipe(const ErrorPipe &) = delete;
@@ -118,13 +118,13 @@ public:
     std::string text() const
     {
         std::string all(1 << 16, '\0');
-        const ssize_t length = read(ends[0], all.data(), all.size());
+        const ssize_t length = read(ends_[0], all.data(), all.size());
         return all.substr(0, length < 0 ? 0 : static_cast<size_t>(length));
     }
 
 private:
-    int before;
-    int ends[2];
+    int before_;
+    int ends_[2];
 };
 
 int socket_at(const std::string &path, int type, bool is_server)
@@ -322,23 +322,23 @@ int flood(const int *args, int)
 class ShellClient
 {
 public:
-    explicit ShellClient(const std::string &path) : fd(socket_at(path, SOCK_STREAM, false))
+    explicit ShellClient(const std::string &path) : fd_(socket_at(path, SOCK_STREAM, false))
     {
     }
     ~ShellClient()
     {
-        close(fd);
+        close(fd_);
     }
     ShellClient(const ShellClient &) = delete;
     ShellClient &operator=(const ShellClient &) = delete;
 
     void say(const std::string &text) const
     {
-        EXPECT_EQ(send(fd, text.data(), text.size(), MSG_NOSIGNAL), std::ssize(text));
+        EXPECT_EQ(send(fd_, text.data(), text.size(), MSG_NOSIGNAL), std::ssize(text));
     }
     void say_no_more() const
     {
-        shutdown(fd, SHUT_WR);
+        shutdown(fd_, SHUT_WR);
     }
     /* Everything up to `end`, or up to the end of the stream for "". */
     std::string hear(const std::string &end)
@@ -348,7 +348,7 @@ public:
             [&] {
                 char block[65'536];
                 ssize_t length = 0;
-                while ((length = recv(fd, block, sizeof block, 0)) > 0)
+                while ((length = recv(fd_, block, sizeof block, 0)) > 0)
                     all.append(block, static_cast<size_t>(length));
                 is_closed = length == 0 || (errno != EAGAIN && errno != EINTR);
                 return is_closed || (!end.empty() && all.ends_with(end));
@@ -360,7 +360,7 @@ public:
     bool is_closed = false;
 
 private:
-    int fd;
+    int fd_;
 };
 
 TEST_F(LinuxPlatform, ShellServesSeveralAndSurvivesBadClients)

@@ -280,39 +280,40 @@ constexpr uint32_t PHONES = 1'000, NOTICES = 1'000'000;
 class Storm
 {
 public:
-    explicit Storm(LiveHost &of) : host(of)
+    explicit Storm(LiveHost &of) : host_(of)
     {
-        index.t_fid = 100;
-        mac.data = {sizeof bytes, bytes};
-        index.t_mac = &mac;
-        notice.index = &index;
+        index_.t_fid = 100;
+        mac_.data = {sizeof bytes_, bytes_};
+        index_.t_mac = &mac_;
+        notice_.index = &index_;
     }
     void blow(uint32_t from, uint32_t to)
     {
         for (uint32_t i = from; i < to; i++) {
             const uint32_t turn = i / PHONES + i % PHONES;
-            bytes[4] = static_cast<uint8_t>(i % PHONES >> 8);
-            bytes[5] = static_cast<uint8_t>(i % PHONES);
-            notice.port_id = 1 + turn % 3;
+            bytes_[4] = static_cast<uint8_t>(i % PHONES >> 8);
+            bytes_[5] = static_cast<uint8_t>(i % PHONES);
+            notice_.port_id = 1 + turn % 3;
             const auto send = [&] {
-                return (turn % 4 == 0 ? kt_mom_del : kt_mom_set)(host.peer, 6, &notice.base, 0, 0);
+                return (turn % 4 == 0 ? kt_mom_del : kt_mom_set)(host_.peer, 6, &notice_.base, 0,
+                                                                 0);
             };
             if (i % PHONES == 0)
-                host.turn(0);
+                host_.turn(0);
             int result = send();
             for (; result == -ENOBUFS; result = send())
-                host.turn(0); /* as fast as the server takes them */
+                host_.turn(0); /* as fast as the server takes them */
             ASSERT_EQ(result, 0);
         }
-        host.settle();
+        host_.settle();
     }
 
 private:
-    LiveHost &host;
-    uint8_t bytes[6] = {0x00, 0x11, 0x22};
-    PLibpub__Mac mac = P_LIBPUB__MAC__INIT;
-    UBridge__UdpL2addrBaseIndex index = U_BRIDGE__UDP_L2ADDR_BASE_INDEX__INIT;
-    UBridge__MacVidRegNoti notice = U_BRIDGE__MAC_VID_REG_NOTI__INIT;
+    LiveHost &host_;
+    uint8_t bytes_[6] = {0x00, 0x11, 0x22};
+    PLibpub__Mac mac_ = P_LIBPUB__MAC__INIT;
+    UBridge__UdpL2addrBaseIndex index_ = U_BRIDGE__UDP_L2ADDR_BASE_INDEX__INIT;
+    UBridge__MacVidRegNoti notice_ = U_BRIDGE__MAC_VID_REG_NOTI__INIT;
 };
 
 /* The most memory that the daemon has ever had, in KiB. */

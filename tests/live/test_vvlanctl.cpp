@@ -130,9 +130,9 @@ class Terminal
 public:
     explicit Terminal(const std::string &command)
     {
-        pid = forkpty(&fd, nullptr, nullptr, nullptr);
-        EXPECT_GE(pid, 0) << "no terminal (is devpts mounted at /dev/pts?): " << strerror(errno);
-        if (pid == 0) {
+        pid_ = forkpty(&fd_, nullptr, nullptr, nullptr);
+        EXPECT_GE(pid_, 0) << "no terminal (is devpts mounted at /dev/pts?): " << strerror(errno);
+        if (pid_ == 0) {
             setenv("TERM", "dumb", 1);
             execl("/bin/sh", "sh", "-c", command.c_str(), nullptr);
             _exit(127);
@@ -140,51 +140,51 @@ public:
     }
     ~Terminal()
     {
-        if (pid < 0)
+        if (pid_ < 0)
             return;
-        kill(pid, SIGKILL);
-        waitpid(pid, nullptr, 0);
-        close(fd);
+        kill(pid_, SIGKILL);
+        waitpid(pid_, nullptr, 0);
+        close(fd_);
     }
     Terminal(const Terminal &) = delete;
     Terminal &operator=(const Terminal &) = delete;
 
     void type(const std::string &keys) const
     {
-        ASSERT_EQ(write(fd, keys.data(), keys.size()), static_cast<ssize_t>(keys.size()));
+        ASSERT_EQ(write(fd_, keys.data(), keys.size()), static_cast<ssize_t>(keys.size()));
     }
     /* Waits until it has printed this behind what was awaited before. */
     void expect(const std::string &wanted)
     {
         size_t at = 0;
-        ASSERT_GE(fd, 0);
-        while ((at = screen.find(wanted)) == std::string::npos) {
-            pollfd output{fd, POLLIN, 0};
+        ASSERT_GE(fd_, 0);
+        while ((at = screen_.find(wanted)) == std::string::npos) {
+            pollfd output{fd_, POLLIN, 0};
             ASSERT_EQ(poll(&output, 1, static_cast<int>(PATIENCE.count() * 1000)), 1)
                 << wanted << " in\n"
-                << screen;
+                << screen_;
             char chunk[4096];
-            const ssize_t got = read(fd, chunk, sizeof chunk);
-            ASSERT_GT(got, 0) << wanted << " in\n" << screen;
-            screen.append(chunk, static_cast<size_t>(got));
+            const ssize_t got = read(fd_, chunk, sizeof chunk);
+            ASSERT_GT(got, 0) << wanted << " in\n" << screen_;
+            screen_.append(chunk, static_cast<size_t>(got));
         }
-        screen.erase(0, at + wanted.size());
+        screen_.erase(0, at + wanted.size());
     }
     void expect_end()
     {
-        pollfd output{fd, POLLIN, 0};
+        pollfd output{fd_, POLLIN, 0};
         char chunk[4096];
         while (poll(&output, 1, static_cast<int>(PATIENCE.count() * 1000)) == 1) {
-            if (read(fd, chunk, sizeof chunk) <= 0)
+            if (read(fd_, chunk, sizeof chunk) <= 0)
                 return;
         }
         ADD_FAILURE() << "it stays";
     }
 
 private:
-    int fd = -1;
-    pid_t pid;
-    std::string screen;
+    int fd_ = -1;
+    pid_t pid_;
+    std::string screen_;
 };
 
 TEST_F(Vvlanctl, ConversesWithTheDebugShell)

@@ -204,7 +204,9 @@ std::string take_user(std::string_view value, linux_env_settings *settings)
 std::string take_password_file(std::string_view value, linux_env_settings *settings)
 {
     settings->mom_password_file = value;
-    return value.empty() ? "" : check_path(value);
+    if (value.empty())
+        return settings->mom_user.empty() ? "" : "it is wanted together with VVLAN_MOM_USER";
+    return check_path(value);
 }
 
 /* A file that only TLS needs. */

@@ -165,7 +165,11 @@ std::string_view value_in(std::string_view info, std::string_view name)
 void greet(Connection &c)
 {
     expect_within(c, PATIENCE, "to the greeting");
-    const std::vector<std::string> login = redis::find_login(*linux_env());
+    std::vector<std::string> login;
+    if (const std::string why = redis::find_login(*linux_env(), &login); !why.empty()) {
+        lose(c, why);
+        return;
+    }
     if (login.size() == 2)
         greet_with(c, {login[0], login[1]});
     else if (login.size() == 3)
@@ -224,8 +228,12 @@ void greeted(Connection &c)
 /* The subscriber link answers errors, one bulk string per fence, and what is published. */
 void greet_subscriber(Connection &c)
 {
+    std::vector<std::string> login;
+    if (const std::string why = redis::find_login(*linux_env(), &login); !why.empty()) {
+        lose(c, why);
+        return;
+    }
     c.subscriber.open(c.command.address());
-    const std::vector<std::string> login = redis::find_login(*linux_env());
     if (!login.empty())
         c.subscriber.send(std::vector<std::string_view>(login.begin(), login.end()));
     const std::string name = link_name(c, "subscriber");

@@ -1,7 +1,9 @@
 #include "linux/redis_find.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <charconv>
+#include <cstring>
 #include <fstream>
 #include <optional>
 
@@ -16,7 +18,6 @@ constexpr uint32_t DATABASES_A_CARD = 16;
 unsigned last_success = 0;
 
 std::optional<TlsFiles> tls_of(const linux_env_settings &settings);
-std::string first_line(const std::string &path);
 
 } // namespace
 
@@ -78,15 +79,22 @@ std::string find_read_answer(const redisReply &answer, const linux_env_settings 
     return "";
 }
 
-std::vector<std::string> find_login(const linux_env_settings &settings)
+std::string find_login(const linux_env_settings &settings, std::vector<std::string> *words)
 {
-    if (settings.mom_password_file.empty())
-        return {};
-    std::vector<std::string> words = {"AUTH"};
+    const std::string &path = settings.mom_password_file;
+    words->clear();
+    if (path.empty())
+        return "";
+    std::ifstream file(path);
+    std::string password;
+    if (!std::getline(file, password))
+        return "VVLAN_MOM_PASSWORD_FILE=" + path + ": " +
+               (file.eof() ? "holds no password" : std::strerror(errno));
+    words->push_back("AUTH");
     if (!settings.mom_user.empty())
-        words.push_back(settings.mom_user);
-    words.push_back(first_line(settings.mom_password_file));
-    return words;
+        words->push_back(settings.mom_user);
+    words->push_back(password);
+    return "";
 }
 
 bool find_is_master(const redisReply &role)
@@ -111,15 +119,6 @@ std::optional<TlsFiles> tls_of(const linux_env_settings &settings)
     if (!is_tls)
         return std::nullopt;
     return TlsFiles{settings.mom_ca, settings.mom_certificate, settings.mom_key};
-}
-
-/* "" if the file cannot be read. */
-std::string first_line(const std::string &path)
-{
-    std::ifstream file(path);
-    std::string line;
-    std::getline(file, line);
-    return line;
 }
 
 } // namespace

@@ -46,8 +46,11 @@ std::vector<std::string> find_question(const linux_env_settings &settings);
 std::string find_read_answer(const redisReply &answer, const linux_env_settings &settings,
                              Address *address);
 
-/* The words of AUTH, the password read from its file now; none where there is no password. */
-std::vector<std::string> find_login(const linux_env_settings &settings);
+/*
+ * The words of AUTH, the password read from its file now; none where there is no password.
+ * Returns "", or which file cannot be read and why.
+ */
+std::string find_login(const linux_env_settings &settings, std::vector<std::string> *words);
 
 /* Answer of ROLE: whether the server takes writes. */
 bool find_is_master(const redisReply &role);

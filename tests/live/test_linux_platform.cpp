@@ -237,9 +237,15 @@ TEST_F(LinuxPlatform, EnvironmentIsReadByItsTableOrRefusedWithASentence)
         {"VVLAN_MOM", "sentinel:a:1,/m"}, {"VVLAN_MOM_PASSWORD_FILE", "secret"},
         {"VVLAN_MOM_CA", "/ca"},          {"VVLAN_MOM_KEY", "/key"},
         {"VVLAN_MOM_CARD", "1024"},       {"VVLAN_MOM_CARD", "1x"},
-        {"VVLAN_PORTS", "ports"}};
+        {"VVLAN_MOM_CARD", "0x"},         {"VVLAN_PORTS", "ports"}};
     for (const auto &[name, value] : refused)
         EXPECT_THAT(parse({{name, value}}), StartsWith(std::string(name) + "=" + value + ": "));
+    EXPECT_EQ(parse({{"VVLAN_MOM", "tcp:a:0x1F90"}, {"VVLAN_MOM_CARD", "0X3ff"}}), "");
+    EXPECT_EQ(read.mom.addresses.at(0).port, 8080);
+    EXPECT_EQ(read.mom_card, 1023U);
+    EXPECT_THAT(parse({{"VVLAN_MOM_CARD", "99999999999999999999"}}), HasSubstr("from 0 to 1023"));
+    EXPECT_THAT(parse({{"VVLAN_MOM_USER", "me"}}),
+                StartsWith("VVLAN_MOM_PASSWORD_FILE=: it is wanted"));
     EXPECT_THAT(parse({{"VVLAN_SHELL", "/" + std::string(107, 'x')}}), HasSubstr("at most 107"));
     for (const linux_env_variable &variable : linux_env_table())
         EXPECT_THAT(variable.meaning, EndsWith("."));

@@ -14,6 +14,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
+#include <filesystem>
 #include <fstream>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -527,13 +528,17 @@ TEST_F(MomRedis, AServerThatRefusesIsTriedAgain)
     const int before = connections();
     EXPECT_TRUE(until([&] { return connections() >= before + 4; })) << "tries again and again";
     EXPECT_FALSE(linux_mom_look(program, 4).is_up);
+    std::filesystem::remove(password);
     use_server(password);
+    const int refused = connections();
+    EXPECT_TRUE(until([&] { return connections() >= refused + 2; }));
     std::ofstream(password) << "secret\n";
     settle();
     EXPECT_THAT(link_events, ElementsAre("lost", "lost", "back 2", "back 2"));
     EXPECT_EQ(view, stored());
     const std::string said = testing::internal::GetCapturedStderr();
     EXPECT_THAT(said, HasSubstr("NOAUTH"));
+    EXPECT_THAT(said, HasSubstr("PASSWORD_FILE=" + password + ": No such file or directory"));
     EXPECT_THAT(said, testing::Not(HasSubstr("secret")));
 }
 

@@ -17,7 +17,6 @@ using namespace mom;
 namespace
 {
 
-constexpr uint32_t INDEX_FIELD = 5;
 constexpr uint64_t EXPIRE_MAX = 1'000'000'000; /* seconds; some thirty years */
 
 /* What must be open for a call. */
@@ -26,9 +25,8 @@ enum class Needs { context, connection, sync_connection };
 /* -1: no such database. */
 int place_of(uint32_t db)
 {
-    constexpr std::array<uint32_t, DATABASES> IDS = {0, 4, 6, 8};
-    const auto *at = std::ranges::find(IDS, db);
-    return at == IDS.end() ? -1 : static_cast<int>(at - IDS.begin());
+    const auto *at = std::ranges::find(DATABASE_IDS, db);
+    return at == DATABASE_IDS.end() ? -1 : static_cast<int>(at - DATABASE_IDS.begin());
 }
 
 /* One call: `body` with the connection, if it is there. */
@@ -108,12 +106,7 @@ int serve_object(kt_global *global, uint32_t db, const ProtobufCMessage *object,
 
 bool are_fields(const ProtobufCMessage &object, std::span<const uint32_t> fields)
 {
-    const bool is_keyed = object::kind_is_keyed(*object::kind_of(object));
-    return !fields.empty() && fields.size() <= UINT8_MAX &&
-           std::ranges::all_of(fields, [&](uint32_t field) {
-               return !(is_keyed && field == INDEX_FIELD) &&
-                      protobuf_c_message_descriptor_get_field(object.descriptor, field) != nullptr;
-           });
+    return fields.size() <= UINT8_MAX && object::fields_are_of_body(object, fields);
 }
 
 /* The message with nothing but these fields. */

@@ -28,8 +28,6 @@ struct Client {
     std::array<std::shared_ptr<Connection>, DATABASES> connections;
 };
 
-constexpr std::array<uint32_t, DATABASES> IDS = {0, 4, 6, 8};
-
 /* Never freed: the program may call exit() from a callback. */
 std::vector<std::unique_ptr<Client>> &clients = *new std::vector<std::unique_ptr<Client>>;
 std::string ahead = "0"; /* of the server's clock, in milliseconds */
@@ -85,7 +83,7 @@ Connection *connection_of(kt_global *global, size_t place)
     }
     auto &connection = client->connections[place];
     if (connection == nullptr)
-        connection = std::make_shared<Connection>(global, IDS[place], client->life);
+        connection = std::make_shared<Connection>(global, DATABASE_IDS[place], client->life);
     return connection.get();
 }
 

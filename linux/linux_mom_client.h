@@ -41,7 +41,8 @@ struct event;
 namespace mom
 {
 
-constexpr size_t DATABASES = 4;
+inline constexpr std::array<uint32_t, 4> DATABASE_IDS = {0, 4, 6, 8};
+constexpr size_t DATABASES = DATABASE_IDS.size();
 constexpr size_t SCANS_MAX = 65'536;
 constexpr size_t SUBSCRIPTIONS_MAX = 4'096;
 constexpr uint64_t NEVER = UINT64_MAX;

@@ -1,5 +1,6 @@
 #include "linux/redis_value.h"
 
+#include "object/object_field.h"
 #include "platform/kt_mom.h"
 #include "proto/key_role.h"
 
@@ -18,7 +19,6 @@ constexpr uint8_t FIELDWISE = 1;
 constexpr uint8_t OWNED = 2;
 constexpr size_t ID_SIZE = 8;
 constexpr size_t NUMBER_SIZE = 4;
-constexpr uint32_t INDEX_NUMBER = 5;
 
 /* What may be told of an object. */
 bool is_told(uint32_t operation)
@@ -181,8 +181,8 @@ std::string key_shape(const object::Kind &kind)
     std::string shape;
     if (!object::kind_is_keyed(kind))
         return shape;
-    const auto *index =
-        protobuf_c_message_descriptor_get_field(&object::kind_descriptor(kind), INDEX_NUMBER);
+    const auto *index = protobuf_c_message_descriptor_get_field(&object::kind_descriptor(kind),
+                                                                object::INDEX_NUMBER);
     const auto &type = *static_cast<const ProtobufCMessageDescriptor *>(index->descriptor);
     for (unsigned i = 0; i < type.n_fields; i++) {
         const ProtobufCFieldDescriptor &field = type.fields[i];

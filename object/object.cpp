@@ -79,6 +79,15 @@ bool kind_is_keyed(const Kind &kind)
     return kind.index != nullptr;
 }
 
+bool fields_are_of_body(const ProtobufCMessage &object, std::span<const uint32_t> fields)
+{
+    const bool is_keyed = kind_is_keyed(*kind_of(object));
+    return !fields.empty() && std::ranges::all_of(fields, [&](uint32_t field) {
+        return !(is_keyed && field == INDEX_NUMBER) &&
+               protobuf_c_message_descriptor_get_field(object.descriptor, field) != nullptr;
+    });
+}
+
 bool has_key(const ProtobufCMessage &message)
 {
     const Kind *kind = kind_of(message);

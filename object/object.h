@@ -57,6 +57,10 @@ const ProtobufCMessageDescriptor &kind_descriptor(const Kind &kind);
 // one single object.
 bool kind_is_keyed(const Kind &kind);
 
+// Whether `fields` are numbers of fields in the body of the object, one at least: those
+// that can be set by themselves, so none of its key.
+bool fields_are_of_body(const ProtobufCMessage &object, std::span<const uint32_t> fields);
+
 // --- Messages
 
 struct Free {

@@ -17,8 +17,6 @@ using namespace sim;
 namespace
 {
 
-constexpr uint32_t INDEX_FIELD = 5;
-
 /* What a call is about, for the record. */
 struct Arguments {
     uint32_t db;
@@ -87,15 +85,6 @@ int serve_object(const char *name, kt_global *global, const Arguments &arguments
 MomDatabase &database_of(const MomConnection &connection)
 {
     return mom_databases()[connection.database];
-}
-
-bool are_fields(const ProtobufCMessage &object, std::span<const uint32_t> fields)
-{
-    const bool is_keyed = object::kind_is_keyed(*object::kind_of(object));
-    return !fields.empty() && std::all_of(fields.begin(), fields.end(), [&](uint32_t field) {
-        return !(is_keyed && field == INDEX_FIELD) &&
-               protobuf_c_message_descriptor_get_field(object.descriptor, field) != nullptr;
-    });
 }
 
 bool have_equal_fields(const ProtobufCMessage &left, const ProtobufCMessage &right,
@@ -210,7 +199,7 @@ int kt_mom_subscribe_field(kt_global *global, uint32_t db, const ProtobufCMessag
     return serve_template(
         "kt_mom_subscribe_field", global, arguments, Needs::connection,
         [&](MomConnection &connection, const MomSelector &) {
-            if (!are_fields(*object_template, arguments.fields) ||
+            if (!object::fields_are_of_body(*object_template, arguments.fields) ||
                 std::find(callbacks, callbacks + count, nullptr) != callbacks + count)
                 return -EINVAL;
             for (uint32_t i = 0; i < count; i++) {
@@ -351,7 +340,7 @@ int kt_mom_hset(kt_global *global, uint32_t db, const ProtobufCMessage *object,
         .db = db, .object = object, .fields = {fields, fields == nullptr ? 0 : count}};
     return serve_object("kt_mom_hset", global, arguments,
                         [&](const MomConnection &connection, const MomAddress &at) {
-                            if (!are_fields(*object, arguments.fields))
+                            if (!object::fields_are_of_body(*object, arguments.fields))
                                 return -EINVAL;
                             return mom_store_hset(database_of(connection), at, *object,
                                                   arguments.fields, connection.life);
@@ -367,7 +356,7 @@ int kt_mom_hset_if_sync(kt_global *global, uint32_t db, const ProtobufCMessage *
         "kt_mom_hset_if_sync", global, arguments,
         [&](const MomConnection &connection, const MomAddress &at) {
             if (before == nullptr || before->descriptor != object->descriptor ||
-                !are_fields(*object, arguments.fields))
+                !object::fields_are_of_body(*object, arguments.fields))
                 return -EINVAL;
             const object::Message nothing = object::empty(*object::kind_of(*object));
             const MomRecord *record = mom_store_find(database_of(connection), at);

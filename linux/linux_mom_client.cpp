@@ -52,6 +52,7 @@ bool is_silent(Connection &c);
 std::vector<std::string_view> script_arguments(const Connection &c, redis::Script script,
                                                std::string_view key,
                                                std::initializer_list<std::string_view> arguments);
+std::vector<std::string_view> reap_arguments(const Connection &c, const char *lease);
 
 } // namespace
 
@@ -270,8 +271,7 @@ void end_connection(Connection &c)
     const auto keep = c.shared_from_this();
     if (c.is_greeted && (c.has_owned || !c.requests.empty() || !c.held.empty())) {
         bool is_answered = false;
-        const auto arguments =
-            script_arguments(c, redis::Script::REAP, redis::REAP_KEY, {c.has_owned ? "-1" : "0"});
+        const auto arguments = reap_arguments(c, c.has_owned ? "-1" : "0");
         request(
             c, arguments, [&](const redis::Reply &) { is_answered = true; }, true);
         const int64_t deadline = linux_loop_now() + FAREWELL;
@@ -437,8 +437,7 @@ void tick(Connection &c)
     const int64_t now = linux_loop_now();
     if (now >= c.probe_at) {
         c.probe_at = (now / PROBE_EVERY + 1) * PROBE_EVERY; /* all connections at once */
-        const auto arguments = script_arguments(c, redis::Script::REAP, redis::REAP_KEY,
-                                                {c.has_owned ? redis::LEASE : "0"});
+        const auto arguments = reap_arguments(c, c.has_owned ? redis::LEASE : "0");
         request(
             c, arguments, [&c](const redis::Reply &reply) { probed(c, *reply); }, true);
         check_role(c);
@@ -467,9 +466,11 @@ void rest_if_answered(Connection &c)
 void probed(Connection &c, const redisReply &reply)
 {
     const std::string_view text = redis::text_of(reply);
-    if (!redis::is_error(reply)) {
-        if (reply.integer >= 0)
-            probe_within(c, reply.integer);
+    if (reply.type == REDIS_REPLY_ARRAY && reply.elements > 0) {
+        for (size_t i = 1; i < reply.elements; i++)
+            report_foreign_book(c, redis::text_of(*reply.element[i]));
+        if (reply.element[0]->integer >= 0)
+            probe_within(c, reply.element[0]->integer);
     } else if (!text.starts_with("OOM")) {
         c.was_refused = true;
         lose(c, std::string(text));
@@ -500,6 +501,15 @@ std::vector<std::string_view> script_arguments(const Connection &c, redis::Scrip
     std::vector<std::string_view> all = {
         "EVALSHA", c.digests[static_cast<size_t>(script)], "1", key, c.prefix, c.life, ahead};
     all.insert(all.end(), arguments);
+    return all;
+}
+
+std::vector<std::string_view> reap_arguments(const Connection &c, const char *lease)
+{
+    std::vector<std::string_view> all =
+        script_arguments(c, redis::Script::REAP, redis::REAP_KEY, {lease});
+    for (const KindInfo &each : kinds())
+        all.push_back(each.name);
     return all;
 }
 

@@ -319,6 +319,8 @@ void queue_limit(size_t changes);
 void report_foreign(Connection &c, size_t kind, std::string_view key);
 /* The same of something without a key, in words. */
 void report_foreign_whole(Connection &c, size_t kind, const char *what);
+/* The same of what stood in the place of the server's own books (linux/redis_script.h). */
+void report_foreign_book(Connection &c, std::string_view name);
 
 /* --- Scans */
 

@@ -22,7 +22,7 @@ constexpr size_t DELIVERIES_UNTIMED = 64; /* looked at the clock between so many
 
 size_t limit = QUEUE_LIMIT;
 
-bool is_news(Connection &c, size_t kind, std::string_view key);
+bool is_news(Connection &c, const std::string &name);
 void log_foreign(const Connection &c, size_t kind, const char *name);
 std::string hex_of(std::string_view bytes);
 bool deliver_one(Connection &c);
@@ -338,7 +338,7 @@ void restart_subscriptions(Connection &c, uint64_t made_before)
 
 void report_foreign(Connection &c, size_t kind, std::string_view key)
 {
-    if (!is_news(c, kind, key))
+    if (!is_news(c, kinds()[kind].name + std::string(key)))
         return;
     const object::Message object = object::from_key(*kinds()[kind].kind, key);
     const std::string name = object == nullptr ? "key " + hex_of(key) : object::to_text(*object);
@@ -347,21 +347,27 @@ void report_foreign(Connection &c, size_t kind, std::string_view key)
 
 void report_foreign_whole(Connection &c, size_t kind, const char *what)
 {
-    if (is_news(c, kind, what))
+    if (is_news(c, kinds()[kind].name + what))
         log_foreign(c, kind, what);
+}
+
+void report_foreign_book(Connection &c, std::string_view name)
+{
+    if (is_news(c, std::string(name)))
+        LINUX_LOG(KTDF_ZLOG_LV_WARN, "database %u: %.*s is not what is kept there; it was deleted",
+                  c.db, static_cast<int>(name.size()), name.data());
 }
 
 namespace
 {
 
 /* Whether this is to be logged: what was is not logged again, and neither is all of a flood. */
-bool is_news(Connection &c, size_t kind, std::string_view key)
+bool is_news(Connection &c, const std::string &name)
 {
     c.counts.foreign++;
     if (c.reported.size() >= REPORTED_MAX)
         return false;
-    const std::string where = c.prefix + kinds()[kind].name + std::string(key);
-    return c.reported.insert(std::hash<std::string>()(where)).second;
+    return c.reported.insert(std::hash<std::string>()(name)).second;
 }
 
 void log_foreign(const Connection &c, size_t kind, const char *name)

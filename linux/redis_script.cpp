@@ -320,6 +320,27 @@ return count
 
 constexpr const char *REAP = R"lua(
 local lease, time, left = tonumber(ARGV[4]), now(), 1000
+
+-- What stands in the place of our books is deleted: with it there nobody could write.
+local foreign = {}
+local function claim(book, sort)
+    local standing = call('TYPE', book).ok
+    if standing ~= sort and standing ~= 'none' then
+        call('DEL', book)
+        foreign[#foreign + 1] = book
+    end
+    return book
+end
+
+for _, index in ipairs({'vvlan:expiry', 'vvlan:deadlines', 'vvlan:leases'}) do
+    claim(index, 'zset')
+end
+claim('vvlan:number', 'string')
+claim('vvlan:owned:' .. life, 'set')
+for i = 5, #ARGV do
+    claim('vvlan:pending:' .. ARGV[i], 'hash')
+    claim('vvlan:sections:' .. ARGV[i], 'hash')
+end
 if lease > 0 then call('ZADD', 'vvlan:leases', time + lease, life) end
 if lease < 0 then call('ZADD', 'vvlan:leases', 0, life) end
 
@@ -328,10 +349,10 @@ local function due(index)
 end
 
 local function drop_member(member)
-    local nul = member:find('\0', 1, true)
-    local of, key = member:sub(1, nul - 1), member:sub(nul + 1)
-    local value = get(of, key)
-    if value then drop(of, key, value) end
+    local of, key = member:match('^(%Z*)%z(.*)$')
+    local value = of and redis.pcall('HGET', of, key)
+    if type(value) == 'string' then drop(of, key, value) end
+    if not of then foreign[#foreign + 1] = 'a member "' .. member .. '"' end
     left = left - 1
 end
 
@@ -340,8 +361,9 @@ for _, member in ipairs(due('vvlan:expiry')) do
     drop_member(member)
 end
 for _, entry in ipairs(due('vvlan:deadlines')) do
-    local number, of = entry:match('^(%d+) (.*)$')
-    local marks = call('HGETALL', 'vvlan:pending:' .. of)
+    local number, of = entry:match('^(%d+) (.+)$')
+    if not of then number, of, foreign[#foreign + 1] = '', '', 'a deadline "' .. entry .. '"' end
+    local marks = call('HGETALL', claim('vvlan:pending:' .. of, 'hash'))
     for i = 1, #marks, 2 do
         if marks[i + 1] == number and left > 0 then
             call('HDEL', 'vvlan:pending:' .. of, marks[i])
@@ -349,12 +371,12 @@ for _, entry in ipairs(due('vvlan:deadlines')) do
         end
     end
     if left > 0 then
-        call('HDEL', 'vvlan:sections:' .. of, number)
+        call('HDEL', claim('vvlan:sections:' .. of, 'hash'), number)
         call('ZREM', 'vvlan:deadlines', entry)
     end
 end
 for _, gone in ipairs(due('vvlan:leases')) do
-    local owned = 'vvlan:owned:' .. gone
+    local owned = claim('vvlan:owned:' .. gone, 'set')
     for _, member in ipairs(call('SMEMBERS', owned)) do
         if left > 0 then
             call('SREM', owned, member)
@@ -372,7 +394,7 @@ for _, index in ipairs({'vvlan:expiry', 'vvlan:deadlines', 'vvlan:leases'}) do
         if wait < 0 or rest < wait then wait = rest end
     end
 end
-return wait
+return {wait, unpack(foreign, 1, 100)}
 )lua";
 
 } // namespace

@@ -20,9 +20,10 @@
  * client; it makes an object's writer known again after a reconnect, and a new
  * life of the same program is another one.
  *
- * A kind whose name stands for something else than a hash is deleted by the next
- * write to it. Objects that have no valid header count as absent; a write puts a
- * whole object in their place.
+ * What stands under these names and is of another type is deleted by the reaper, which
+ * runs before anything is written on a new connection. A kind whose name stands for
+ * something else than a hash is deleted by the next write to it. Objects that have no valid header
+ * count as absent; a write puts a whole object in their place.
  *
  * Limit: 4,096 open sections a kind ("FULL" beyond). The reaper deletes at most
  * 1,000 objects a call.
@@ -63,8 +64,9 @@ namespace redis
  * BEGIN   owner's (0, 1), selection, expiry in ms or 0
  * END     owner's (0, 1), selection
  * DEL_OW  selection
- * REAP    lease in ms; 0 for none, -1 if the life ends.
- *         Answers the ms until something is due, -1 for nothing.
+ * REAP    lease in ms; 0 for none, -1 if the life ends. Then the names of all kinds.
+ *         Answers the ms until something is due, -1 for nothing, and behind it what it
+ *         found to be none of ours and has deleted, a hundred at most.
  *
  * A selection is three arguments: 'a' for all, 'k' for one key, 'p' for a key
  * whose zero parts match anything; the shape of the kind's keys; the key.

@@ -513,6 +513,33 @@ TEST_F(MomRedis, WhatIsNoObjectGivesWayToOne)
     EXPECT_EQ(losses(), 0U);
 }
 
+/* Expiry, sections and owners are kept under names that anybody can write to. */
+TEST_F(MomRedis, BooksThatAreNoneGiveWay)
+{
+    begin();
+    server->command({"SELECT", "4"});
+    const std::string pending = std::string("vvlan:pending:") + PORT;
+    for (const std::string &book : {std::string("vvlan:expiry"), pending})
+        server->command({"SET", book, "a text"});
+    server->command({"ZADD", "vvlan:deadlines", "0", "none"});
+    server->command({"ZADD", "vvlan:leases", "0", "gone"});
+    server->command({"SADD", "vvlan:owned:gone", "none"});
+    testing::internal::CaptureStderr();
+    linux_mom_clock_ahead(0);
+    settle();
+    EXPECT_EQ(set("index.ifx=1"), 0);
+    settle();
+    EXPECT_EQ(get("index.ifx=1"), "index.ifx=1");
+    for (const char *book : {"vvlan:deadlines", "vvlan:leases"})
+        EXPECT_EQ(server->command({"ZRANGE", book, "0", "0"}), "") << book;
+    EXPECT_EQ(losses(), 0U);
+    const std::string said = testing::internal::GetCapturedStderr();
+    for (const std::string &what :
+         {std::string("vvlan:expiry"), pending, std::string("a deadline \"none\""),
+          std::string("a member \"none\"")})
+        EXPECT_THAT(said, HasSubstr("database 4: " + what + " is not what is kept there"));
+}
+
 TEST_F(MomRedis, AServerThatRefusesIsTriedAgain)
 {
     begin();

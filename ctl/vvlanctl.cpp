@@ -48,7 +48,6 @@ const linux_env_settings &settings();
 kt_global *open_context();
 std::string server_text();
 std::string trouble_text();
-std::string refusal_text();
 bool run_loop(const std::function<bool()> &done, int milliseconds);
 long write_now(std::string_view text);
 void converse(const std::vector<std::string> &words,
@@ -64,7 +63,7 @@ int main(int count, char **arguments)
                    open_context,
                    server_text,
                    trouble_text,
-                   refusal_text,
+                   [] { return linux_mom_refusal(context); },
                    run_loop,
                    write_now,
                    [](uint32_t db) { return linux_mom_look(context, db).dropped; },
@@ -131,20 +130,6 @@ int take_note(const linux_log_line &line)
 std::string trouble_text()
 {
     return trouble;
-}
-
-/* The words that such an answer begins with are the server's. */
-std::string refusal_text()
-{
-    constexpr std::string_view OF_WRITE = "a write was refused: ";
-    std::string text = trouble_text();
-    if (text.starts_with(OF_WRITE))
-        return text.substr(OF_WRITE.size());
-    for (const char *word : {"READONLY ", "NOREPLICAS "}) {
-        if (text.starts_with(word))
-            return text;
-    }
-    return {};
 }
 
 /* A signal ends the waiting; what was asked for is then not done. */

@@ -503,6 +503,15 @@ linux_mom_state linux_mom_look(const kt_global *global, uint32_t db)
     return state;
 }
 
+std::string linux_mom_refusal(const kt_global *global)
+{
+    for (const uint32_t db : DATABASE_IDS) {
+        if (const Connection *c = existing(global, db); c != nullptr && !c->refusal.empty())
+            return c->refusal;
+    }
+    return {};
+}
+
 bool linux_mom_settle(int64_t micros, const std::function<bool()> &waits_for_lost)
 {
     const int64_t deadline = linux_loop_now() + micros;

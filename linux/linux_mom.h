@@ -31,7 +31,8 @@
  * Changes wait as they were published and are unpacked when they are delivered. A
  * turn of the loop delivers for about five milliseconds.
  *
- * A lost link, a refused write (memory full), an answer that does not come within
+ * A lost link, a refused write (memory full), a server that has become a replica, an
+ * answer that does not come within
  * three seconds (during which the loop turns: one that stands still has nobody to
  * blame), a server that lost its scripts: all end the connection, both links, and it
  * is made anew, after 10 ms growing to 1 s, with jitter. The same server process with
@@ -65,6 +66,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <string>
 
 /* A connection as it is now, and what has happened on it since the context was made. */
 struct linux_mom_state {
@@ -78,6 +80,12 @@ struct linux_mom_state {
 
 /* All zero for a context or a database that is not open. */
 linux_mom_state linux_mom_look(const kt_global *global, uint32_t db);
+
+/*
+ * What the server said when it refused a write of this context, on whichever connection;
+ * empty when there was none, or when it has taken a write since.
+ */
+std::string linux_mom_refusal(const kt_global *global);
 
 /*
  * For tests and tools, not from a callback: turns the loop until nothing is under way

@@ -332,7 +332,8 @@ void answered(Connection &c, redis::Reply reply)
         return;
     }
     if (redis::is_error(*reply) && ends_connection(*reply)) {
-        c.was_refused = redis::find_is_demoted(*reply);
+        if (redis::find_is_demoted(*reply))
+            c.refusal = redis::text_of(*reply);
         lose(c, std::string(redis::text_of(*reply)));
         return;
     }
@@ -341,10 +342,10 @@ void answered(Connection &c, redis::Reply reply)
     if (handler) {
         handler(std::move(reply));
     } else if (redis::is_error(*reply)) {
-        c.was_refused = true;
-        lose(c, "a write was refused: " + std::string(redis::text_of(*reply)));
+        c.refusal = redis::text_of(*reply);
+        lose(c, "a write was refused: " + c.refusal);
     } else {
-        c.was_refused = false;
+        c.refusal.clear();
     }
     rest_if_answered(c);
 }
@@ -472,8 +473,8 @@ void probed(Connection &c, const redisReply &reply)
         if (reply.element[0]->integer >= 0)
             probe_within(c, reply.element[0]->integer);
     } else if (!text.starts_with("OOM")) {
-        c.was_refused = true;
-        lose(c, std::string(text));
+        c.refusal = text;
+        lose(c, c.refusal);
     }
 }
 

@@ -178,7 +178,7 @@ struct Connection : std::enable_shared_from_this<Connection> {
     redis::Link subscriber;
     bool is_greeted = false; /* requests may be made */
     bool is_ready = false;   /* and changes are heard */
-    bool was_refused = false;
+    std::string refusal;     /* what the server refused a write with, until it takes one */
     unsigned attempts = 0;
     int64_t backoff = 0;       /* microseconds */
     uint64_t retry_timer = 0;  /* also: gives up a greeting */
@@ -244,7 +244,7 @@ int connect_wait(Connection &c);
 void connect_told_later(Connection &c);
 /* Called from the queue: the program is told that it is disconnected. */
 void tell_lost(Connection &c);
-/* Asks whether the server is still the master; another is left, as one that is lost. */
+/* Asks whether the server is still the master; if not, the connection is lost. */
 void check_role(Connection &c);
 
 /*

@@ -245,7 +245,7 @@ void become_ready(Connection &c)
 {
     c.is_ready = true;
     linux_loop_cancel(c.retry_timer);
-    if (!c.was_refused)
+    if (c.refusal.empty())
         c.backoff = BACKOFF_MIN;
     if (!c.last_reason.empty())
         LINUX_LOG(KTDF_ZLOG_LV_NOTICE, "database %u: connected", c.db);

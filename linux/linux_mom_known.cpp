@@ -111,6 +111,11 @@ void Known::keep(std::string_view key, std::string_view message, uint32_t round)
     if (bytes_.size() - gaps_ + made.size() > KNOWN_BYTES_MAX ||
         (old == NOWHERE && count_ == KNOWN_OBJECTS_MAX)) {
         is_whole_ = false;
+        if (old != NOWHERE) { /* it stands, though with the message of before */
+            Header seen = header(old);
+            seen.round = round;
+            std::memcpy(&bytes_[old], &seen, sizeof seen);
+        }
         return;
     }
     bucket = {hash, static_cast<uint32_t>(bytes_.size())};

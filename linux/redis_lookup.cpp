@@ -21,8 +21,6 @@ namespace
 
 using Clock = std::chrono::steady_clock;
 
-constexpr std::chrono::seconds FIRST_WAIT(2);
-constexpr std::chrono::seconds FRESH(1);
 constexpr size_t NAMES_MAX = 64;
 
 /* Shared with the thread that asks. */
@@ -36,20 +34,29 @@ struct Name {
     std::string why; /* there are none */
 };
 
+int resolve_numbers(const std::string &host, std::vector<std::string> *numbers);
+int resolve_by_library(const std::string &host, std::vector<std::string> *numbers);
+
+struct Manner {
+    Resolver resolver = resolve_by_library;
+    std::chrono::milliseconds first_wait{2000};
+    std::chrono::milliseconds fresh{1000};
+};
+
 /* Never freed: the program may call exit() while a thread asks. */
+Manner &manner = *new Manner;
 std::map<std::string, std::shared_ptr<Name>> &names =
     *new std::map<std::string, std::shared_ptr<Name>>;
 
-int resolve(const std::string &host, int flags, std::vector<std::string> *numbers);
 void ask(const std::shared_ptr<Name> &name, const std::string &host);
-void take_answer(Name &name, const std::string &host);
+void take_answer(Name &name, const std::string &host, const Manner &by);
 
 } // namespace
 
 std::vector<std::string> lookup(const std::string &host, std::string *why)
 {
     std::vector<std::string> numbers;
-    if (resolve(host, AI_NUMERICHOST, &numbers) == 0)
+    if (resolve_numbers(host, &numbers) == 0)
         return numbers;
     if (names.size() >= NAMES_MAX && !names.contains(host))
         names.clear();
@@ -60,17 +67,23 @@ std::vector<std::string> lookup(const std::string &host, std::string *why)
     if (!name->is_asked && Clock::now() >= name->fresh_until) {
         ask(name, host);
         if (name->numbers.empty() && !std::exchange(name->was_awaited, true))
-            name->answered.wait_for(lock, FIRST_WAIT, [&] { return !name->is_asked; });
+            name->answered.wait_for(lock, manner.first_wait, [&] { return !name->is_asked; });
     }
     if (name->numbers.empty())
         *why = name->why.empty() ? "no answer from the resolver yet" : name->why;
     return name->numbers;
 }
 
+void lookup_with(Resolver resolver, std::chrono::milliseconds first_wait,
+                 std::chrono::milliseconds fresh)
+{
+    names.clear();
+    manner = resolver ? Manner{std::move(resolver), first_wait, fresh} : Manner{};
+}
+
 namespace
 {
 
-/* 0, or what gai_strerror() explains. */
 int resolve(const std::string &host, int flags, std::vector<std::string> *numbers)
 {
     addrinfo wanted = {};
@@ -89,6 +102,16 @@ int resolve(const std::string &host, int flags, std::vector<std::string> *number
     return numbers->empty() ? EAI_NONAME : 0;
 }
 
+int resolve_numbers(const std::string &host, std::vector<std::string> *numbers)
+{
+    return resolve(host, AI_NUMERICHOST, numbers);
+}
+
+int resolve_by_library(const std::string &host, std::vector<std::string> *numbers)
+{
+    return resolve(host, 0, numbers);
+}
+
 /* Signals are for the thread that runs the loop. */
 void ask(const std::shared_ptr<Name> &name, const std::string &host)
 {
@@ -97,7 +120,7 @@ void ask(const std::shared_ptr<Name> &name, const std::string &host)
     pthread_sigmask(SIG_SETMASK, &all, &before);
     try {
         name->is_asked = true;
-        std::thread([name, host] { take_answer(*name, host); }).detach();
+        std::thread([name, host, by = manner] { take_answer(*name, host, by); }).detach();
     } catch (const std::system_error &error) {
         name->is_asked = false;
         name->why = error.what();
@@ -105,13 +128,13 @@ void ask(const std::shared_ptr<Name> &name, const std::string &host)
     pthread_sigmask(SIG_SETMASK, &before, nullptr);
 }
 
-void take_answer(Name &name, const std::string &host)
+void take_answer(Name &name, const std::string &host, const Manner &by)
 {
     std::vector<std::string> numbers;
-    const int error = resolve(host, 0, &numbers);
+    const int error = by.resolver(host, &numbers);
     const std::lock_guard lock(name.mutex);
     name.is_asked = false;
-    name.fresh_until = Clock::now() + FRESH;
+    name.fresh_until = Clock::now() + by.fresh;
     name.why = error == 0 ? "" : gai_strerror(error);
     if (error == 0)
         name.numbers = std::move(numbers);

@@ -15,6 +15,8 @@
 #ifndef LINUX_REDIS_LOOKUP_H
 #define LINUX_REDIS_LOOKUP_H
 
+#include <chrono>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -27,6 +29,17 @@ namespace redis
  * from one thread.
  */
 std::vector<std::string> lookup(const std::string &host, std::string *why);
+
+/* 0 and addresses in figures, or what gai_strerror() explains. Called by a thread. */
+using Resolver = std::function<int(const std::string &host, std::vector<std::string> *numbers)>;
+
+/*
+ * For tests: who is asked in place of the C library, how long is waited for the first
+ * answer about a name, and how long an answer serves; no resolver: all as it is by itself.
+ * Everything known is forgotten.
+ */
+void lookup_with(Resolver resolver, std::chrono::milliseconds first_wait,
+                 std::chrono::milliseconds fresh);
 
 } // namespace redis
 

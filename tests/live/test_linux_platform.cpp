@@ -1,8 +1,11 @@
 /* The platform on a Linux host, but for the object database: loop, ports, shell, log, restart. */
 #include <algorithm>
 #include <array>
+#include <chrono>
+#include <condition_variable>
 #include <csignal>
 #include <cstdlib>
+#include <deque>
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
@@ -11,11 +14,15 @@
 #include <gtest/gtest.h>
 #include <iterator>
 #include <map>
+#include <memory>
+#include <mutex>
 #include <net/if.h>
+#include <netdb.h>
 #include <string>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
+#include <thread>
 #include <unistd.h>
 
 #include "fastpath/fastpath_library.h"
@@ -26,6 +33,7 @@
 #include "linux/linux_loop.h"
 #include "linux/linux_restart.h"
 #include "linux/linux_shell.h"
+#include "linux/redis_lookup.h"
 #include "platform/kt_thread.h"
 #include "platform/libddm.h"
 #include "platform/rdnd_lib.h"
@@ -249,6 +257,76 @@ TEST_F(LinuxPlatform, EnvironmentIsReadByItsTableOrRefusedWithASentence)
     EXPECT_THAT(parse({{"VVLAN_SHELL", "/" + std::string(107, 'x')}}), HasSubstr("at most 107"));
     for (const linux_env_variable &variable : linux_env_table())
         EXPECT_THAT(variable.meaning, EndsWith("."));
+}
+
+/* A resolver that answers when the test says so; with "" it knows none. */
+struct SlowResolver {
+    std::mutex mutex;
+    std::condition_variable changed;
+    std::deque<std::string> answers;
+    int asked = 0, running = 0;
+    bool is_over = false;
+
+    int resolve(std::vector<std::string> *numbers)
+    {
+        std::unique_lock lock(mutex);
+        asked++;
+        running++;
+        changed.wait(lock, [&] { return is_over || !answers.empty(); });
+        if (!is_over && !answers.front().empty())
+            numbers->push_back(answers.front());
+        if (!is_over)
+            answers.pop_front();
+        running--;
+        changed.notify_all();
+        return numbers->empty() ? EAI_NONAME : 0;
+    }
+    void answer(const std::string &text)
+    {
+        const std::lock_guard lock(mutex);
+        answers.push_back(text);
+        changed.notify_all();
+    }
+    int times()
+    {
+        const std::lock_guard lock(mutex);
+        return asked;
+    }
+    void end()
+    {
+        std::unique_lock lock(mutex);
+        is_over = true;
+        changed.notify_all();
+        changed.wait(lock, [&] { return running == 0; });
+    }
+};
+
+TEST_F(LinuxPlatform, NamesAreLookedUpBesideTheLoop)
+{
+    const auto slow = std::make_shared<SlowResolver>();
+    const std::chrono::milliseconds none(0);
+    redis::lookup_with([slow](const std::string &,
+                              std::vector<std::string> *numbers) { return slow->resolve(numbers); },
+                       none, none);
+    std::string why;
+    const auto look = [&why] { return redis::lookup("server", &why); };
+    EXPECT_THAT(redis::lookup("::1", &why), ElementsAre("::1")) << "is never looked up";
+    EXPECT_THAT(look(), ElementsAre());
+    EXPECT_EQ(why, "no answer from the resolver yet");
+    while (slow->times() == 0)
+        EXPECT_THAT(look(), ElementsAre());
+    EXPECT_EQ(slow->times(), 1) << "once at a time";
+    slow->answer("192.0.2.1");
+    while (look().empty())
+        std::this_thread::yield();
+    slow->answer("");
+    while (slow->times() < 3)
+        EXPECT_THAT(look(), ElementsAre("192.0.2.1")) << "stays known while the resolver fails";
+    slow->answer("192.0.2.2");
+    while (look() != Strings{"192.0.2.2"})
+        std::this_thread::yield();
+    slow->end();
+    redis::lookup_with({}, none, none);
 }
 
 TEST_F(LinuxPlatform, LogLinesStayLinesAndNeverBlock)

@@ -90,15 +90,18 @@ void config_set(const Context &context, const Strings &words)
 {
     constexpr int TRIES = 100;
     const Wanted wanted = settings_parse(words);
-    const object::Message any = object::empty(*object::kind_by_name("p_bridge.vvlan_glb_cfg"));
+    constexpr const char *SETTINGS = "p_bridge.vvlan_glb_cfg";
     Databases databases(context.host);
     for (int tries = 0; tries < TRIES; tries++) {
-        const object::Message stored = databases.get(DB_CONFIG, *any);
-        const ProtobufCMessage &before = stored == nullptr ? *any : *stored;
-        const Settings standing = settings_of(before, {});
+        object::Message before = object::empty(*object::kind_by_name(SETTINGS));
+        databases.scan(SETTINGS, /* what is no object there counts as none, and is replaced */
+                       [&](const ProtobufCMessage &object, std::span<const uint32_t>) {
+                           before = object::copy(object);
+                       });
+        const Settings standing = settings_of(*before, {});
         settings_check(standing, wanted);
         const SettingsMessage after(standing, wanted);
-        if (databases.hset_if(DB_CONFIG, before, after.glb.base, after.fields)) {
+        if (databases.hset_if(DB_CONFIG, *before, after.glb.base, after.fields)) {
             report(context, words::change(KT_MOM_HSET, after.glb.base, after.fields));
             return;
         }

@@ -164,6 +164,10 @@ void Databases::check(int result, const char *verb, uint32_t db,
     check_refusal();
     if (result == -ENOTCONN)
         unreachable(db, "the connection is lost");
+    if (result == -EIO && std::string_view(verb) == "read")
+        throw Failure{REFUSED, std::string("cannot read ") + object.descriptor->name +
+                                   " in database " + std::to_string(db) +
+                                   ": what stands there is no object, or you lack the right"};
     throw Failure{REFUSED, std::string("cannot ") + verb + " " + object.descriptor->name +
                                " in database " + std::to_string(db) + ": " + reason(result)};
 }

@@ -7,7 +7,9 @@
  * it. Databases are connected when they are first used; one that cannot be
  * reached within PATIENCE ends the command.
  *
- * The text of every write's failure names the object.
+ * A write that fails at once is told of with its object. One that the server refuses
+ * later is told of in the server's words: which of the requests under way it was is not
+ * known.
  */
 #ifndef CTL_CTL_DB_H
 #define CTL_CTL_DB_H

@@ -108,6 +108,11 @@ TEST_F(Vvlanctl, SaysWhatTheServerRefuses)
         set_up(again);
     }
     EXPECT_EQ(run("vvlanctl object get p_bridge.vvlan_glb_cfg").text, "glb_switch.vlan=100\n");
+    /* What is no object is in nobody's way. */
+    set_up("-n 4 set p_bridge.vvlan_glb_cfg text");
+    EXPECT_THAT(run("vvlanctl object get p_bridge.vvlan_glb_cfg").text, HasSubstr("is no object"));
+    EXPECT_EQ(run("vvlanctl set vlan 300").status, 0);
+    EXPECT_EQ(run("vvlanctl object get p_bridge.vvlan_glb_cfg").text, "glb_switch.vlan=300\n");
 }
 
 TEST_F(Vvlanctl, LosesNoHalfOfAFieldToAnotherThatSetsTheOther)

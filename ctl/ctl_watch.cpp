@@ -110,6 +110,7 @@ public:
 
     std::function<bool(const Change &)> selects; /* empty: everything */
     std::vector<const object::Kind *> kinds;     /* what is read for since_start */
+    std::optional<uint32_t> db_chosen;           /* where; else the kind's own database */
     bool in_words = true;
 
 private:
@@ -167,6 +168,7 @@ void watch_objects(const Context &context, const WatchOptions &options,
     watch_with(context, options, {&db, 1}, [&](Watch &made) {
         made.in_words = false;
         made.kinds = {object::kind_of(*object_template->message)};
+        made.db_chosen = db;
         made.selects = [object_template, match](const Change &change) {
             return object::matches(*object_template->message, match, change.object);
         };
@@ -256,11 +258,15 @@ void Watch::tell_what_stands()
 {
     size_t standing = 0;
     for (const object::Kind *kind : kinds) {
-        const uint32_t db = db_of_kind(object::kind_name(*kind));
-        databases_.scan(object::kind_name(*kind),
+        const uint32_t db = db_chosen ? *db_chosen : db_of_kind(object::kind_name(*kind));
+        const object::Message all = object::empty(*kind);
+        databases_.scan(db, *all, KT_MOM_MATCH_EXACT,
                         [&](const ProtobufCMessage &object, std::span<const uint32_t> fields) {
+                            const Change change = {db, KT_MOM_SET, object, fields, true};
+                            if (selects && !selects(change))
+                                return;
                             standing++;
-                            tell({db, KT_MOM_SET, object, fields, true});
+                            tell(change);
                             if (!queue_.has_room())
                                 queue_.write();
                         });
@@ -435,9 +441,6 @@ int on_change(kt_global *, const kt_mom_msg *msg, void *user)
 {
     return guarded([&] {
         const Receiver &receiver = *static_cast<const Receiver *>(user);
-        if (msg->scan_state == KT_MOM_SCAN_AGAIN)
-            return receiver.watch->note(receiver.db, "changes were lost: the database's queue for "
-                                                     "this tool ran over");
         if (msg->object == nullptr || msg->scan_state != KT_MOM_CHANGE)
             return;
         if (msg->operation != KT_MOM_HSET)

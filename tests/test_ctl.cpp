@@ -351,6 +351,10 @@ TEST_F(Ctl, WatchesAllDatabasesInWords)
     EXPECT_THAT(written, HasSubstr("  db 4  set p_bridge.vvlan_port_cfg index.ifx=4 enable=1 "
                                    "mode=1\n"));
     EXPECT_THAT(written, Not(HasSubstr("ifx=3")));
+    EXPECT_EQ(run("object watch p_bridge.vvlan_port_cfg index.ifx=4 --since-start --count 1"), 0);
+    EXPECT_THAT(written, AllOf(HasSubstr("  1 object stands"), Not(HasSubstr("ifx=3"))));
+    EXPECT_EQ(run("object watch p_bridge.vvlan_port_cfg --db 8 --since-start --for 1"), 0);
+    EXPECT_THAT(written, HasSubstr("  0 objects stand")) << "but in another database";
 }
 
 TEST_F(Ctl, CountsWhatASlowOutputSkips)

@@ -33,7 +33,7 @@ uint32_t number_parse(std::string_view text, const std::string &what)
     if (!number)
         misread(text, what);
     if (*number > UINT32_MAX)
-        refuse(what + " " + std::string(text) + " is too large: a number has 32 bits");
+        refuse(std::string(text) + " is too large for " + what + ": a number has 32 bits");
     return static_cast<uint32_t>(*number);
 }
 
@@ -145,12 +145,14 @@ Oui oui_parse(std::string_view text)
         oui.mask = mac_parse(mask);
         return oui;
     }
-    const uint32_t length = number_parse(mask, WANTED);
-    if (length > MAC_BITS)
+    const auto length = text::number_read(mask);
+    if (!length)
+        misread(text, WANTED);
+    if (*length > MAC_BITS)
         refuse("/" + std::string(mask) +
                " is no prefix length: a MAC address has 48 bits, an OUI "
                "24 of them");
-    oui.mask = words::mask_of_length(length);
+    oui.mask = words::mask_of_length(static_cast<unsigned>(*length));
     return oui;
 }
 
@@ -193,11 +195,13 @@ uint32_t limited_parse(std::string_view text, const char *what, uint32_t least, 
                        const char *why)
 {
     const std::string range = std::to_string(least) + " to " + std::to_string(most);
-    const uint32_t value = number_parse(text, std::string(what) + " as a number from " + range);
-    if (value < least || value > most)
+    const auto value = text::number_read(text);
+    if (!value)
+        misread(text, std::string(what) + " as a number from " + range);
+    if (*value < least || *value > most)
         refuse(std::string(what) + " " + std::string(text) + " cannot work, " + why + ": give " +
                range);
-    return value;
+    return static_cast<uint32_t>(*value);
 }
 
 std::optional<std::vector<uint8_t>> bytes_parse(std::string_view text)

@@ -147,7 +147,7 @@ constexpr Wrong WRONGS[] = {
     {"set vlan 0", 1, "give 1 to 4094"},
     {"set vlan 4095", 1, "give 1 to 4094"},
     {"set vlan x", 2, "expected VLAN as a number from 1 to 4094"},
-    {"set vlan 4294967296", 1, "32 bits"},
+    {"set vlan 4294967296", 1, "give 1 to 4094"},
     {"set vlan", 2, "vlan needs a value"},
     {"set cos 8", 1, "give 0 to 7"},
     {"set dscp 64", 1, "give 0 to 63"},

@@ -149,6 +149,8 @@ live_start() {
     trap 'exit 130' INT TERM
     mkdir "$live_dir/tmp"
     if [ -n "$live_takes_run" ]; then ln -s /run "$live_dir/run"; else mkdir "$live_dir/run"; fi
+    unset VVLAN_MOM_USER VVLAN_MOM_PASSWORD_FILE VVLAN_MOM_CA VVLAN_MOM_CERT VVLAN_MOM_KEY \
+        VVLAN_MOM_CARD # who runs this may have set them for another server
     export VVLAN_MOM=unix:$live_dir/mom.sock VVLAN_SHELL=$live_dir/shell.sock
     export VVLAN_PORTS=$live_dir/ports
     for ifx in 1 2 3 4 5 6 7 8; do

@@ -322,10 +322,10 @@ TEST_F(MomRedis, OneLinkThatIsCutIsBothAndNothingIsLost)
     for (const uint32_t ifx : {1U, 2U, 3U})
         set(port_text(ifx));
     subscribe();
-    for (const char *role : {":subscriber", ":command"}) {
+    for (const auto &[role, stolen] : {std::pair{":subscriber", 1}, {":command", 2}}) {
         for (const std::string &id : server->clients(role))
             server->command({"CLIENT", "KILL", "ID", id});
-        steal(*role == ':' && role[1] == 's' ? 1 : 2);
+        steal(stolen);
         EXPECT_TRUE(until([] { return link_events.size() == 4; }));
         settle();
         EXPECT_THAT(std::exchange(link_events, {}),
@@ -356,11 +356,17 @@ TEST_F(MomRedis, AUserNeedsNoMoreRightsThanTheListOfThem)
     begin_server();
     server->command({"ACL", "SETUSER", "daemon", "reset", "on", ">secret"});
     std::ifstream header(VVLAN_SOURCE_DIR "/linux/redis_script.h");
+    std::string rights = "user default on nopass";
     for (std::string line; std::getline(header, line) && line != " */";) {
         std::istringstream words(line.substr(std::min<size_t>(2, line.size())));
-        for (std::string word; words >> word && std::string("~&+").find(word[0]) != word.npos;)
+        for (std::string word; words >> word && std::string("~&+").find(word[0]) != word.npos;) {
             EXPECT_EQ(server->command({"ACL", "SETUSER", "daemon", word}), "OK") << word;
+            rights += " " + word;
+        }
     }
+    std::ostringstream installed;
+    installed << std::ifstream(VVLAN_SOURCE_DIR "/packaging/debian/mom.conf").rdbuf();
+    EXPECT_THAT(installed.str(), HasSubstr("\n" + rights + "\n")) << "the package's server too";
     const std::string password = server->directory() + "/password";
     std::ofstream(password) << "secret\n";
     use_server(password, "daemon");

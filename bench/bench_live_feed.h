@@ -37,6 +37,7 @@ public:
     /* Notifications first to last - 1, stored; their MACs begin again after size.macs. */
     void notify(const Size &size, uint32_t first, uint32_t last);
     void notify_one(const Noti &noti);
+    /* A phone shows up at a port: its notice, published. */
     void see(uint32_t ifx);
     /* Until everything that was written has taken effect. */
     void settle();

@@ -42,7 +42,7 @@ public:
     Child &operator=(const Child &) = delete;
 
     pid_t pid() const;
-    /* Hangs up when it has ended. */
+    /* Its standard output, which stays ours; hangs up when it has ended. */
     int output() const;
     double started() const;
     /* Waits for the next line; throws when the output ends. */

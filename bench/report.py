@@ -5,8 +5,8 @@ usage: report.py RESULTS.json... PLOT_FOLDER
 
 Prints the report, as far as there are results, and writes one file of points
 per curve for bench/plot.gp into PLOT_FOLDER. Times are medians over the
-repetitions; where two programs took turns, the ratio is the median of the
-ratios of each turn.
+repetitions. Of the first synchronisation the ratio is the median of the ratios
+of each turn.
 """
 import json
 import statistics

@@ -126,7 +126,7 @@ void add_everything(CLI::App &app, Said &said)
     app.add_flag("-j,--json", said.json, "Print JSON for programs");
     app.add_option("--mom", said.mom,
                    "The database: unix:PATH, tcp:HOST:PORT, tls:HOST:PORT or "
-                   "sentinel:HOST:PORT/NAME; else $VVLAN_MOM")
+                   "sentinel:HOST:PORT[,...]/NAME; else $VVLAN_MOM")
         ->type_name("SERVER");
     app.add_option("--shell", said.shell_path, "The debug shell's socket; else $VVLAN_SHELL")
         ->type_name("PATH");
@@ -252,11 +252,12 @@ void add_watch_options(CLI::App &command, Said &said)
 {
     command.add_flag("--since-start", said.watch.since_start,
                      "Begin with what stands now, and count time in seconds from there");
-    command.add_option("--count", said.watch.count, "End after so many lines")->type_name("N");
+    command.add_option("--count", said.watch.count, "End after so many changes")->type_name("N");
     command.add_option("--for", said.watch.seconds, "End after so many seconds")->type_name("S");
     command
         .add_option("--queue", said.watch.queue,
-                    "Lines that may wait for a slow output before changes are skipped (65536)")
+                    "Lines that may wait for a slow output, in 16 MiB at most, before changes "
+                    "are skipped (65536)")
         ->type_name("N");
 }
 

@@ -17,7 +17,10 @@
 namespace ctl
 {
 
-/* Whether the bytes received so far are a whole answer; then *answer is filled. */
+/*
+ * Whether the bytes received so far are a whole answer; then *answer is filled. Throws
+ * Failure (NO_REACH) where the status is no number: it is not the daemon that answers.
+ */
 bool shell_answer_parse(std::string_view received, ShellAnswer *answer);
 
 /*

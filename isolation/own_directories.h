@@ -19,8 +19,8 @@ void own_directories_make(const std::string &directory);
 /*
  * The calling process, which has one thread, gets run/ as its /run and tmp/ as its
  * /var/tmp; without root it sees itself as root of a user namespace after that.
- * Returns false with errno when this host does not allow it; the process may
- * then be in the new namespace already and should end.
+ * Its working directory stays what it was. Returns false with errno when this host does not allow
+ * it; the process may then be in the new namespace already and should end.
  */
 bool own_directories_enter(const std::string &directory);
 

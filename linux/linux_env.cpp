@@ -1,6 +1,6 @@
 #include "linux/linux_env.h"
 
-#include <array>
+#include <algorithm>
 #include <cstdlib>
 #include <optional>
 #include <string_view>

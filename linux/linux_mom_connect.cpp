@@ -6,6 +6,7 @@
 #include "linux/redis_find.h"
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <poll.h>
 #include <unistd.h>

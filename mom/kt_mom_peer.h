@@ -40,7 +40,10 @@ int kt_mom_publish(kt_global *global, uint32_t db, const ProtobufCMessage *objec
  * Calls `callback` for every change that any client makes in a database: the
  * operation, the object (for KT_MOM_HSET the kt_mom_hash), scan state 0. One
  * watcher per (database, callback, user data). Watching is passive: no
- * operation 29, no scans.
+ * operation 29, no scans. So nobody tells of changes that were made while the
+ * connection was lost, nor of those that a platform dropped because the watcher
+ * fell behind. After a reconnect of type 2 the watcher stands; after type 1 it is
+ * to be made again.
  */
 int kt_mom_watch(kt_global *global, uint32_t db, kt_mom_callback callback, void *user);
 

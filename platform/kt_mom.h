@@ -53,9 +53,10 @@
  * Every call returns 0 or a negative errno value: -ENOTCONN when the database
  * is not connected, -ENOENT for an id that does not exist, -EINVAL for a
  * message without the key it needs, -ENOMEM, -ENOSPC for a full table, -EIO when the
- * database answers with a refusal. A write that returned 0 is in the database, or
- * the connection is reported lost.
- * Templates and objects are read during the call only.
+ * database answers with a refusal, -ENOBUFS when too many requests of the caller wait for
+ * their answer (to be repeated when the loop has turned). A write that returned 0 is in the
+ * database, or the connection is reported lost. Templates and objects are read during the call
+ * only.
  */
 #ifndef PLATFORM_KT_MOM_H
 #define PLATFORM_KT_MOM_H

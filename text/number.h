@@ -1,8 +1,9 @@
 /*
  * number - numbers as people type them.
  *
- * Every command, file and variable of this project takes the same form, so that a
- * number that was accepted in one place is accepted in the others. Which numbers a
+ * The tool, the debug shell, the environment, the file of ports, scenarios and objects in
+ * text form take the same form, so that a number that was accepted in one place is
+ * accepted in the others. Which numbers a
  * place allows, and what it says of the rest, is its own affair.
  */
 #ifndef TEXT_NUMBER_H

@@ -322,7 +322,7 @@ TEST_F(MomRedis, OneLinkThatIsCutIsBothAndNothingIsLost)
     for (const uint32_t ifx : {1U, 2U, 3U})
         set(port_text(ifx));
     subscribe();
-    for (const auto &[role, stolen] : {std::pair{":subscriber", 1}, {":command", 2}}) {
+    for (const auto &[role, stolen] : {std::pair{":subscriber", 1U}, {":command", 2U}}) {
         for (const std::string &id : server->clients(role))
             server->command({"CLIENT", "KILL", "ID", id});
         steal(stolen);

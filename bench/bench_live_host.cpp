@@ -29,7 +29,9 @@ namespace
 {
 
 constexpr double LOOK_EVERY = 0.001;
-constexpr int LOOKS = 500; /* without processor time: nothing is left to do */
+constexpr int LOOKS = 500; /* without work: nothing is left to do */
+/* Seconds of processor time in between; what it does every five seconds, at rest, takes less. */
+constexpr double WORK = 0.0005;
 constexpr double ANSWER_PATIENCE = 30;
 
 [[noreturn]] void fail(const std::string &what);
@@ -281,11 +283,11 @@ double Daemon::wait_settled(double patience)
             throw std::runtime_error("the daemon does not settle");
         rest(LOOK_EVERY);
         const double use = processor_time();
-        if (use > used) {
+        if (use > used + WORK) {
             moved_at = now();
             still = 0;
+            used = use;
         }
-        used = use;
     }
     return moved_at;
 }

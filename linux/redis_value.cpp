@@ -150,8 +150,7 @@ const ProtobufCMessage *Unpacked::unpack(const object::Kind &kind, std::string_v
     const ProtobufCMessage *object =
         protobuf_c_message_unpack(&object::kind_descriptor(kind), &allocator, message.size(),
                                   reinterpret_cast<const uint8_t *>(message.data()));
-    const bool is_it = object != nullptr && object::has_key(*object) && object::key(*object) == key;
-    return is_it ? object : nullptr;
+    return object != nullptr && object::key_is(*object, key) ? object : nullptr;
 }
 
 const ProtobufCMessage *Unpacked::from_key(const object::Kind &kind, std::string_view key)

@@ -129,6 +129,27 @@ std::string key(const ProtobufCMessage &message)
     return result;
 }
 
+bool key_is(const ProtobufCMessage &message, std::string_view key)
+{
+    const Kind *kind = kind_of(message);
+    const auto *index = kind == nullptr ? nullptr : index_of(*kind, message);
+    if (kind == nullptr || (kind->index != nullptr && index == nullptr))
+        return false;
+    Number number;
+    for (const auto *field : kind->key_fields) {
+        const auto bytes = key_bytes(index, *field, &number);
+        const bool is_text = field->type == PROTOBUF_C_TYPE_STRING;
+        const bool is_mac = field->type == PROTOBUF_C_TYPE_MESSAGE;
+        if ((is_mac && bytes.size() != MAC_LENGTH) || !key.starts_with(bytes))
+            return false;
+        key.remove_prefix(bytes.size());
+        if (is_text && !key.starts_with('\0'))
+            return false;
+        key.remove_prefix(is_text);
+    }
+    return key.empty();
+}
+
 Message from_key(const Kind &kind, std::string_view key)
 {
     Message result = empty(kind);

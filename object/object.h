@@ -109,6 +109,9 @@ bool key_is_empty(const ProtobufCMessage &message);
 // have a key (has_key()).
 std::string key(const ProtobufCMessage &message);
 
+// Whether the message has a key and it is this one.
+bool key_is(const ProtobufCMessage &message, std::string_view key);
+
 // A new message of that kind with this key, from key(), and nothing else; nullptr
 // if the bytes are no key of the kind.
 Message from_key(const Kind &kind, std::string_view key);

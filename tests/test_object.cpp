@@ -168,6 +168,11 @@ TEST(Object, KeyIsFixedWidthAndBigEndian)
     EXPECT_FALSE(object::has_key(*read("p_bridge.vvlan_oui_cfg", "index.mac=0x0011223344")));
     EXPECT_FALSE(object::has_key(*read("p_bridge.vvlan_oui_cfg", "index.mask=0x00112233445566")));
     EXPECT_TRUE(object::has_key(*read("p_bridge.vvlan_oui_cfg", "index.mac={}")));
+    for (const char *broken : {"enable=1", "index.ifx=256"})
+        EXPECT_FALSE(object::key_is(*read("p_bridge.vvlan_port_cfg", broken), "\0\0\0\0"s));
+    EXPECT_FALSE(object::key_is(*read("p_bridge.vvlan_oui_cfg", "index.mac=0x0011223344"),
+                                "\0\x11\x22\x33\x44\0\0\0\0\0\0"s));
+    EXPECT_FALSE(object::key_is(*read("s_cluster.reg_pkt_info", "index.name=ox"), "ox"));
     EXPECT_TRUE(object::key_is_empty(*read("p_bridge.vvlan_port_cfg", "index.ifx=0 enable=1")));
     EXPECT_FALSE(object::key_is_empty(*read("p_bridge.vvlan_port_cfg", "index.ifx=256")));
 
@@ -183,6 +188,8 @@ TEST(Object, KeyIsFixedWidthAndBigEndian)
         const auto again = object::from_key(known, key);
         ASSERT_NE(again, nullptr) << kind;
         EXPECT_EQ(object::key(*again), key);
+        EXPECT_TRUE(object::key_is(*again, key));
+        EXPECT_FALSE(object::key_is(*again, key + "x"));
         EXPECT_EQ(object::from_key(known, key + "x"), nullptr);
         EXPECT_EQ(key.empty(),
                   object::from_key(known, key.substr(0, key.size() - !key.empty())) != nullptr);
@@ -225,6 +232,7 @@ TEST(Object, MatchAndKeyOrderAgreeWithPlainValues)
         EXPECT_EQ(object::matches(*templ, KT_MOM_MATCH_PARTIAL, *message), fits);
         EXPECT_EQ(object::key_is_empty(*templ), all);
         EXPECT_EQ(object::key(*templ) <=> object::key(*message), want <=> have);
+        EXPECT_EQ(object::key_is(*templ, object::key(*message)), want == have);
     }
     auto selects = [](const char *kind, const char *templ, const char *other, const char *object) {
         return object::matches(*read(kind, templ), KT_MOM_MATCH_EXACT, *read(other, object));

@@ -4,6 +4,7 @@
 #include <bit>
 #include <cstring>
 #include <functional>
+#include <new>
 #include <utility>
 
 namespace mom
@@ -14,7 +15,14 @@ namespace
 
 constexpr uint32_t NOWHERE = UINT32_MAX;
 constexpr size_t BUCKETS_MIN = 8;
+constexpr size_t BYTES_MIN = 256;
 constexpr size_t GAPS_MIN = 4'096; /* fewer bytes are not worth the move */
+
+/* As many as the objects and as many more need. */
+size_t buckets_for(size_t objects)
+{
+    return std::max(BUCKETS_MIN, std::bit_ceil(objects * 2));
+}
 
 uint32_t hash_of(std::string_view key)
 {
@@ -78,9 +86,9 @@ bool Known::is_whole() const
 template <typename Wanted>
 std::optional<Known::Object> Known::walk(Place *place, Wanted wanted) const
 {
-    if (place->rebuilt != rebuilt_)
-        *place = {0, rebuilt_};
-    while (place->at < bytes_.size()) {
+    if (place->moved != moved_)
+        *place = {0, moved_};
+    while (place->at < used_) {
         const size_t at = place->at;
         const Header here = header(at);
         place->at += here.size();
@@ -98,7 +106,7 @@ void Known::keep(std::string_view key, std::string_view message, uint32_t round)
     if (message.size() > UINT16_MAX)
         message = {};
     if ((count_ + 1) * 4 > buckets_.size() * 3)
-        rebuild();
+        grow_buckets();
     const uint32_t hash = hash_of(key);
     Bucket &bucket = buckets_[find(hash, key)];
     const uint32_t old = bucket.at;
@@ -108,7 +116,7 @@ void Known::keep(std::string_view key, std::string_view message, uint32_t round)
         write(old, made, key, message);
         return;
     }
-    if (bytes_.size() - gaps_ + made.size() > KNOWN_BYTES_MAX ||
+    if (used_ - gaps_ + made.size() > KNOWN_BYTES_MAX ||
         (old == NOWHERE && count_ == KNOWN_OBJECTS_MAX)) {
         is_whole_ = false;
         if (old != NOWHERE) { /* it stands, though with the message of before */
@@ -118,8 +126,7 @@ void Known::keep(std::string_view key, std::string_view message, uint32_t round)
         }
         return;
     }
-    bucket = {hash, static_cast<uint32_t>(bytes_.size())};
-    bytes_.resize(bytes_.size() + made.size());
+    bucket = {hash, static_cast<uint32_t>(add(made.size()))};
     write(bucket.at, made, key, message);
     if (old == NOWHERE)
         count_++;
@@ -135,38 +142,71 @@ void Known::write(size_t at, const Header &made, std::string_view key, std::stri
     std::ranges::copy(message, to);
 }
 
+/* Where so many bytes more have room. */
+size_t Known::add(size_t size)
+{
+    if (used_ + size > held_)
+        hold(std::max({used_ + size, held_ * 2, BYTES_MIN}));
+    return std::exchange(used_, used_ + size);
+}
+
+/* By realloc(): it moves whole pages, where a vector would copy what is in them. */
+void Known::hold(size_t bytes)
+{
+    auto *held = static_cast<char *>(std::realloc(bytes_.get(), bytes));
+    if (held == nullptr)
+        throw std::bad_alloc();
+    static_cast<void>(bytes_.release());
+    bytes_.reset(held);
+    held_ = bytes;
+}
+
 void Known::leave_gap(size_t at)
 {
     Header gone = header(at);
     gone.round = GAP;
     std::memcpy(&bytes_[at], &gone, sizeof gone);
     gaps_ += gone.size();
-    if (gaps_ > GAPS_MIN && gaps_ > bytes_.size() / 2)
-        rebuild();
+    if (gaps_ > GAPS_MIN && gaps_ > used_ / 2)
+        close_gaps();
 }
 
-/* The objects without gaps, and as many buckets as they and as many more need. */
-void Known::rebuild()
+void Known::close_gaps()
 {
-    const std::vector<char> old = std::exchange(bytes_, {});
-    bytes_.reserve(old.size() - gaps_);
-    buckets_.assign(std::max(BUCKETS_MIN, std::bit_ceil(count_ * 2)), {0, NOWHERE});
-    gaps_ = 0;
-    rebuilt_++;
-    for (size_t at = 0; at < old.size();) {
-        Header here;
-        std::memcpy(&here, &old[at], sizeof here);
-        const std::string_view whole(&old[at], here.size());
+    buckets_.assign(buckets_for(count_), {0, NOWHERE});
+    size_t end = 0;
+    for (size_t at = 0; at < used_;) {
+        const Header here = header(at);
+        if (here.round != GAP) {
+            std::memmove(&bytes_[end], &bytes_[at], here.size());
+            place({hash_of(object(end).key), static_cast<uint32_t>(end)});
+            end += here.size();
+        }
         at += here.size();
-        if (here.round == GAP)
-            continue;
-        const uint32_t hash = hash_of(whole.substr(sizeof here, here.key_size));
-        size_t bucket = hash & (buckets_.size() - 1);
-        while (buckets_[bucket].at != NOWHERE)
-            bucket = (bucket + 1) & (buckets_.size() - 1);
-        buckets_[bucket] = {hash, static_cast<uint32_t>(bytes_.size())};
-        bytes_.insert(bytes_.end(), whole.begin(), whole.end());
     }
+    used_ = end;
+    gaps_ = 0;
+    moved_++;
+    hold(std::max(used_, BYTES_MIN));
+}
+
+void Known::grow_buckets()
+{
+    const std::vector<Bucket> old =
+        std::exchange(buckets_, std::vector<Bucket>(buckets_for(count_), {0, NOWHERE}));
+    for (const Bucket &each : old) {
+        if (each.at != NOWHERE)
+            place(each);
+    }
+}
+
+void Known::place(Bucket made)
+{
+    const size_t mask = buckets_.size() - 1;
+    size_t at = made.hash & mask;
+    while (buckets_[at].at != NOWHERE)
+        at = (at + 1) & mask;
+    buckets_[at] = made;
 }
 
 /* The bucket of a key, or the empty one where it would go. There are buckets. */

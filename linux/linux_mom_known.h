@@ -27,6 +27,8 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstdlib>
+#include <memory>
 #include <optional>
 #include <string_view>
 #include <vector>
@@ -48,7 +50,7 @@ public:
     /* Where a walk over the objects is. A new one is at the first. */
     struct Place {
         size_t at = 0;
-        uint64_t rebuilt = 0;
+        uint64_t moved = 0;
     };
 
     /* The owner was told of this object; what no longer fits in is not kept (is_whole()). */
@@ -94,18 +96,29 @@ private:
     template <typename Wanted> std::optional<Object> walk(Place *place, Wanted wanted) const;
     void keep(std::string_view key, std::string_view message, uint32_t round);
     void write(size_t at, const Header &made, std::string_view key, std::string_view message);
+    size_t add(size_t size);
+    void hold(size_t bytes);
     void leave_gap(size_t at);
-    void rebuild();
+    void close_gaps();
+    void grow_buckets();
+    void place(Bucket made);
     size_t find(uint32_t hash, std::string_view key) const;
     Header header(size_t at) const;
     Object object(size_t at) const;
 
+    struct Free {
+        void operator()(char *bytes) const
+        {
+            std::free(bytes);
+        }
+    };
+
     std::vector<Bucket> buckets_; /* a power of two, or none */
-    std::vector<char> bytes_;
+    std::unique_ptr<char[], Free> bytes_;
+    size_t held_ = 0, used_ = 0, gaps_ = 0; /* bytes; gaps are used */
     size_t count_ = 0;
-    size_t gaps_ = 0; /* bytes */
     uint32_t round_ = FIRST_ROUND;
-    uint64_t rebuilt_ = 0; /* times */
+    uint64_t moved_ = 0; /* times that objects have moved */
     bool is_whole_ = true;
 };
 
